@@ -1,0 +1,60 @@
+// The list of IO registrations of one watcher, and the queue of removed entries that are kept
+// until the next wait begins so that a pending event of a removed registration is recognised.
+// Owns its entries. Every operation takes the list's own mutex.
+#pragma once
+
+#include "tavrincommon/common/TinyMutex.h"
+#include "tavrincommon/scheduler/IOWatchItem.h"
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <iosfwd>
+#include <list>
+#include <memory>
+
+namespace tavrinScheduler {
+
+class IOWatchListEntry {
+ public:
+  IOWatchListEntry(int fd_, uint32_t events_, std::function<IOWatchItem::Result(int)> callback_,
+                   int origin_)
+      : fd(fd_), events(events_), callback(std::move(callback_)), origin(origin_) {}
+
+  int fd;
+  // The mask currently registered in epoll.
+  uint32_t events;
+  // Empty once the registration has been removed.
+  std::function<IOWatchItem::Result(int)> callback;
+  int origin;
+  uint32_t callCount = 0;
+  // Set with the callback emptied; lets the watcher tell a removal during the entry's own call.
+  bool removed = false;
+  std::list<std::unique_ptr<IOWatchListEntry>>::iterator position;
+};
+
+class IOWatchList {
+ public:
+  IOWatchList() = default;
+  ~IOWatchList();
+  IOWatchList(const IOWatchList&) = delete;
+  IOWatchList& operator=(const IOWatchList&) = delete;
+
+  IOWatchListEntry* add(std::unique_ptr<IOWatchListEntry>&& entry);
+  // Moves the entry to the removed-entries queue; it is not freed yet.
+  void remove(const IOWatchListEntry* entry);
+  void clearRemovedEntries();
+  // Calls fn (if set) for every registration in order, then frees every entry.
+  void clear(const std::function<void(IOWatchListEntry*)>& fn);
+  IOWatchListEntry* getFirstEntry();
+  IOWatchListEntry* getEntryByFd(int fd);
+  bool empty();
+  void dump(std::ostream& out, const char* prefix);
+
+ private:
+  tavrinCommon::TinyMutex mutex;
+  std::list<std::unique_ptr<IOWatchListEntry>> entries;
+  std::deque<std::unique_ptr<IOWatchListEntry>> removedEntries;
+};
+
+}  // namespace tavrinScheduler

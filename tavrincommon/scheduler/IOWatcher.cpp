@@ -1,0 +1,164 @@
+#include "tavrincommon/scheduler/IOWatcher.h"
+
+#include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/TavrinLogging.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace tavrinScheduler {
+
+using tavrinCommon::DefaultOrigins;
+using tavrinCommon::MonotonicMs;
+using tavrinLog::SeverityLevel;
+
+namespace {
+constexpr int kOrigin = DefaultOrigins::Scheduler;
+constexpr uint32_t kEdgeTriggered = static_cast<uint32_t>(EPOLLET);
+}  // namespace
+
+IOWatcher::IOWatcher(tavrinLog::TavrinLogging* logging_)
+    : logging(logging_), epollFd(epoll_create1(EPOLL_CLOEXEC)), eventFd(eventfd(0, EFD_CLOEXEC)) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = nullptr;  // marks the eventfd
+  epoll_ctl(epollFd, EPOLL_CTL_ADD, eventFd, &event);
+}
+
+IOWatcher::~IOWatcher() {
+  clear();
+  if (eventFd >= 0) close(eventFd);
+  if (epollFd >= 0) close(epollFd);
+}
+
+IOWatchHandle IOWatcher::addItem(const IOWatchItem& item, int origin) {
+  IOWatchListEntry* entry =
+      list.add(std::make_unique<IOWatchListEntry>(item.fd, item.events, item.callback, origin));
+  epoll_event event{};
+  event.events = item.events;
+  event.data.ptr = entry;
+  epoll_ctl(epollFd, EPOLL_CTL_ADD, item.fd, &event);
+  return IOWatchHandle(entry);
+}
+
+void IOWatcher::modifyItem(const IOWatchHandle& handle, unsigned events) {
+  if (handle.empty()) return;
+  modifyItem(handle.get(), events);
+}
+
+void IOWatcher::modifyItem(IOWatchListEntry* entry, unsigned events) {
+  if (((entry->events ^ events) & ~kEdgeTriggered) == 0) return;
+  entry->events = events | (entry->events & kEdgeTriggered);
+  epoll_event event{};
+  event.events = entry->events;
+  event.data.ptr = entry;
+  epoll_ctl(epollFd, EPOLL_CTL_MOD, entry->fd, &event);
+}
+
+void IOWatcher::removeItem(IOWatchHandle& handle) {
+  if (handle.empty()) return;
+  IOWatchListEntry* entry = handle.get();
+  removeItemFromPoll(entry);
+  list.remove(entry);
+  handle.clear();
+}
+
+void IOWatcher::removeItem(int fd) {
+  IOWatchListEntry* entry = list.getEntryByFd(fd);
+  if (!entry) return;
+  IOWatchHandle handle(entry);
+  removeItem(handle);
+}
+
+void IOWatcher::removeItemFromPoll(IOWatchListEntry* entry) {
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Removing %s from IO Watch List",
+             logging->originToString(entry->origin));
+  if (epoll_ctl(epollFd, EPOLL_CTL_DEL, entry->fd, nullptr) != 0) {
+    int error = errno;
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "EPOLL_CTL_DEL remove failed (origin: %s, fd: %d): %s (%d)",
+               logging->originToString(entry->origin), entry->fd, std::strerror(error), error);
+  }
+  entry->removed = true;
+  entry->callback = nullptr;
+}
+
+void IOWatcher::wakeup() {
+  uint64_t one = 1;
+  if (write(eventFd, &one, sizeof one) != static_cast<ssize_t>(sizeof one)) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "eventfd %d write failed", eventFd);
+  }
+}
+
+void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex) {
+  list.clearRemovedEntries();
+  const MonotonicMs start;
+  bool woken = false;
+  epoll_event events[kMaxEventsPerWait];
+  for (;;) {
+    const MonotonicMs now;
+    if (now - start > kMaxWatchMs) return;
+    int timeout = (woken || now >= deadline) ? 0 : deadline - now;
+    int n = epoll_wait(epollFd, events, kMaxEventsPerWait, timeout);
+    if (n <= 0) return;
+
+    tavrinCommon::TinyMutexGuard guard(loopMutex);
+    for (int i = n - 1; i >= 0; --i) {
+      auto* entry = static_cast<IOWatchListEntry*>(events[i].data.ptr);
+      if (!entry) {
+        uint64_t count;
+        if (read(eventFd, &count, sizeof count) != static_cast<ssize_t>(sizeof count)) {
+          TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service, "eventfd read failed");
+        }
+        woken = true;
+        continue;
+      }
+      if (!entry->callback) {
+        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                   "Triggered already removed event (%s, fd: %d), ignoring",
+                   logging->originToString(entry->origin), entry->fd);
+        continue;
+      }
+      ++entry->callCount;
+      const MonotonicMs before;
+      // The callback runs from a local copy so that removing its own registration does not
+      // destroy the function object while it executes; it is destroyed after it returns.
+      IOWatchItem::Result result;
+      {
+        struct Running {
+          IOWatchListEntry* entry;
+          std::function<IOWatchItem::Result(int)> callback;
+          ~Running() {
+            if (!entry->removed) entry->callback = std::move(callback);
+          }
+        } running{entry, std::move(entry->callback)};
+        result = running.callback(static_cast<int>(events[i].events));
+      }
+      int32_t took = MonotonicMs() - before;
+      if (took > kSlowCallbackMs) {
+        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "IOWatcher %s took %d ms",
+                   logging->originToString(entry->origin), static_cast<int>(took));
+      }
+      if (result != IOWatchItem::Unchanged && result != IOWatchItem::Removed && !entry->removed) {
+        modifyItem(entry, static_cast<uint32_t>(result));
+      }
+    }
+  }
+}
+
+void IOWatcher::clear() {
+  list.clear([this](IOWatchListEntry* entry) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Freeing an entry (%s, events: 0x%08X)",
+               logging->originToString(entry->origin), entry->events);
+    removeItemFromPoll(entry);
+  });
+}
+
+void IOWatcher::stop() { list.clearRemovedEntries(); }
+
+}  // namespace tavrinScheduler

@@ -1,0 +1,58 @@
+// The part of the scheduler that waits: one epoll instance, one eventfd to interrupt the wait from
+// any thread, and the list of registrations whose callbacks it runs on the loop thread.
+// Owns its registrations and both descriptors. wakeup() from any thread; watch() on the loop
+// thread only; other threads that add, remove or modify registrations hold the loop mutex.
+#pragma once
+
+#include "tavrincommon/common/WrapTS.h"
+#include "tavrincommon/scheduler/IOWatchList.h"
+
+#include <iosfwd>
+
+namespace tavrinLog {
+class TavrinLogging;
+}
+
+namespace tavrinScheduler {
+
+class IOWatcher {
+ public:
+  static constexpr int kMaxEventsPerWait = 16;
+  // watch() returns at the latest this long after it began, whatever the deadline.
+  static constexpr int kMaxWatchMs = 1000;
+  static constexpr int kSlowCallbackMs = 100;
+
+  explicit IOWatcher(tavrinLog::TavrinLogging* logging_);
+  ~IOWatcher();
+  IOWatcher(const IOWatcher&) = delete;
+  IOWatcher& operator=(const IOWatcher&) = delete;
+
+  // The handle is returned even if epoll refused the descriptor; such a registration never fires.
+  IOWatchHandle addItem(const IOWatchItem& item, int origin);
+  // EPOLLET, once registered, is kept; a mask equal but for EPOLLET changes nothing.
+  void modifyItem(const IOWatchHandle& handle, unsigned events);
+  void modifyItem(IOWatchListEntry* entry, unsigned events);
+  // Unregisters and clears the handle; an empty handle is ignored.
+  void removeItem(IOWatchHandle& handle);
+  // Unregisters the first registration of `fd`, if any.
+  void removeItem(int fd);
+  void removeItemFromPoll(IOWatchListEntry* entry);
+  void wakeup();  // any thread
+  // Waits and dispatches until `deadline` (a monotonic millisecond stamp), holding `loopMutex`
+  // (may be null) only while callbacks run.
+  void watch(const tavrinCommon::MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex);
+  void clear();
+  void stop();
+
+  void setLogging(tavrinLog::TavrinLogging* logging_) { logging = logging_; }
+  IOWatchList& getList() { return list; }
+  void dump(std::ostream& out, const char* prefix) { list.dump(out, prefix); }
+
+ private:
+  tavrinLog::TavrinLogging* logging;
+  int epollFd;
+  int eventFd;
+  IOWatchList list;
+};
+
+}  // namespace tavrinScheduler

@@ -1,0 +1,136 @@
+#include "tavrincommon/scheduler/Scheduler.h"
+
+#include <algorithm>
+#include <ostream>
+#include <string>
+
+namespace tavrinScheduler {
+
+using tavrinCommon::MonotonicMs;
+using tavrinCommon::TinyMutexGuard;
+
+Scheduler::Scheduler(tavrinCommon::TinyRecursiveMutex& loopMutex_, tavrinLog::TavrinLogging* logging)
+    : idleTaskScheduler(logging),
+      taskScheduler(logging),
+      timeoutTaskScheduler(logging),
+      ioWatcher(logging),
+      loopMutex(&loopMutex_),
+      ownerThread(pthread_self()),
+      watchdog(std::make_unique<FakeWatchdog>()) {}
+
+Scheduler::Scheduler(tavrinLog::TavrinLogging* logging)
+    : idleTaskScheduler(logging),
+      taskScheduler(logging),
+      timeoutTaskScheduler(logging),
+      ioWatcher(logging),
+      loopMutex(&ownMutex),
+      ownerThread(pthread_self()),
+      watchdog(std::make_unique<FakeWatchdog>()) {}
+
+// Members are then destroyed in reverse order: the watchdog, the mutexes, the IO watcher (clearing
+// its registrations), the timeouts, the workers, and the idle scheduler. Its thread is joined
+// first, so that no idle task can reach a part of the scheduler that is already gone.
+Scheduler::~Scheduler() { idleTaskScheduler.stop(); }
+
+IOWatchHandle Scheduler::addIOItem(const IOWatchItem& item, int origin) {
+  return ioWatcher.addItem(item, origin);
+}
+
+void Scheduler::removeIOItem(IOWatchHandle& handle) { ioWatcher.removeItem(handle); }
+
+void Scheduler::removeIOItem(int fd) { ioWatcher.removeItem(fd); }
+
+void Scheduler::modifyIOItem(IOWatchHandle& handle, int events) {
+  ioWatcher.modifyItem(handle, static_cast<unsigned>(events));
+}
+
+void Scheduler::addTimeout(TimeoutTask* task, int ms) {
+  if (onOwnerThread()) {
+    timeoutTaskScheduler.add(task, ms);
+  } else {
+    addThreadsafeTimeout(task, ms);
+  }
+  // Also from the loop thread: an IO callback arming an earlier timeout must shorten the wait.
+  ioWatcher.wakeup();
+}
+
+void Scheduler::addThreadsafeTimeout(TimeoutTask* task, int ms) {
+  TinyMutexGuard guard(timeoutsMutex);
+  timeoutTaskScheduler.addThreadsafe(task, ms);
+  timeoutsPending.store(true, std::memory_order_release);
+}
+
+void Scheduler::disableTimeout(TimeoutTask* task) {
+  {
+    TinyMutexGuard guard(loopMutex);
+    timeoutTaskScheduler.removeTask(task);
+  }
+  if (timeoutsPending.load(std::memory_order_acquire)) {
+    TinyMutexGuard guard(timeoutsMutex);
+    timeoutTaskScheduler.removeFromWaitingTasks(task);
+  }
+}
+
+void Scheduler::addWorker(Worker* worker) {
+  if (taskScheduler.add(worker)) ioWatcher.wakeup();
+}
+
+void Scheduler::removeWorker(Worker* worker) { taskScheduler.remove(worker); }
+
+void Scheduler::addIdleTask(Worker* worker) { idleTaskScheduler.addWorker(worker); }
+
+void Scheduler::startIdleTask() { idleTaskScheduler.start(); }
+
+void Scheduler::run(int timeoutMs) {
+  const int wait = std::min(timeoutMs, watchdog->getResetTimeoutMs());
+  MonotonicMs deadline = MonotonicMs() + wait;
+
+  if (timeoutsPending.load(std::memory_order_acquire)) {
+    TinyMutexGuard guard(timeoutsMutex);
+    timeoutsPending.store(false, std::memory_order_relaxed);
+    timeoutTaskScheduler.activateWaitingTasks();
+  }
+
+  runTasksAndTimeouts(deadline);
+  watchdog->reset();
+  ioWatcher.watch(deadline, loopMutex);
+  watchdog->reset();
+}
+
+void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline) {
+  TinyMutexGuard guard(loopMutex);
+  // A pass that ran out of budget leaves work behind: the IO wait must not block.
+  if (runTasks()) deadline = MonotonicMs();
+  runTimeouts(deadline);
+}
+
+bool Scheduler::runTasks() { return taskScheduler.run(); }
+
+void Scheduler::runTimeouts(MonotonicMs& deadline) {
+  if (!timeoutTaskScheduler.empty()) timeoutTaskScheduler.runAndReturnNextTimeout(deadline);
+}
+
+void Scheduler::setLogging(tavrinLog::TavrinLogging* logging) {
+  idleTaskScheduler.setLogging(logging);
+  taskScheduler.setLogging(logging);
+  timeoutTaskScheduler.setLogging(logging);
+  ioWatcher.setLogging(logging);
+}
+
+void Scheduler::setWatchdog(std::unique_ptr<WatchdogInterface>&& watchdog_) {
+  if (watchdog_) {
+    watchdog = std::move(watchdog_);
+  } else {
+    watchdog = std::make_unique<FakeWatchdog>();
+  }
+}
+
+void Scheduler::dump(std::ostream& out, const char* prefix) {
+  const std::string inner = std::string(prefix) + "  ";
+  out << prefix << "Scheduler:\n";
+  ioWatcher.dump(out, inner.c_str());
+  taskScheduler.dump(out, inner.c_str());
+  timeoutTaskScheduler.dump(out, inner.c_str());
+}
+
+}  // namespace tavrinScheduler

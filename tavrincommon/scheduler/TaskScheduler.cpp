@@ -1,0 +1,61 @@
+#include "tavrincommon/scheduler/TaskScheduler.h"
+
+#include "tavrincommon/common/Clock.h"
+#include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/TavrinLogging.h"
+#include "tavrincommon/scheduler/Worker.h"
+
+namespace tavrinScheduler {
+
+namespace {
+
+using tavrinCommon::system::Clock;
+
+timespec monotonicNow() { return Clock::getTime(Clock::Monotonic); }
+
+bool atOrAfter(const timespec& now, const timespec& end) {
+  return now.tv_sec > end.tv_sec || (now.tv_sec == end.tv_sec && now.tv_nsec >= end.tv_nsec);
+}
+
+int elapsedMs(const timespec& from, const timespec& to) {
+  long long ns = (static_cast<long long>(to.tv_sec) - from.tv_sec) * 1000000000LL +
+                 (to.tv_nsec - from.tv_nsec);
+  return static_cast<int>(ns / 1000000LL);
+}
+
+}  // namespace
+
+bool TaskScheduler::run() {
+  ++runCounter;
+  timespec passEnd = monotonicNow();
+  passEnd.tv_sec += kWorkerPassBudgetMs / 1000;
+  passEnd.tv_nsec += (kWorkerPassBudgetMs % 1000) * 1000000L;
+  if (passEnd.tv_nsec >= 1000000000L) {
+    passEnd.tv_nsec -= 1000000000L;
+    passEnd.tv_sec += 1;
+  }
+
+  Worker* worker = workers.pop();
+  while (worker) {
+    // The budget is checked before each worker, so a pass always runs at least one.
+    if (atOrAfter(monotonicNow(), passEnd)) {
+      workers.add(worker, true);
+      return true;
+    }
+    timespec before = monotonicNow();
+    Worker::Result result = worker->work();
+    int elapsed = elapsedMs(before, monotonicNow());
+    if (elapsed > kSlowWorkerMs) {
+      TAVRIN_LOG(logging, tavrinCommon::DefaultOrigins::Scheduler, tavrinLog::SeverityLevel::Service,
+                 "Worker %s took %dms (result: %d, called %d times, scheduled: %s, runCounter: %u)",
+                 logging->originToString(worker->getOrigin()), elapsed, static_cast<int>(result),
+                 static_cast<int>(worker->getCallCount()), worker->isScheduled() ? "yes" : "no",
+                 static_cast<unsigned>(runCounter));
+    }
+    if (result == Worker::Continue || result == Worker::Busy) workers.add(worker, false);
+    worker = workers.pop();
+  }
+  return false;
+}
+
+}  // namespace tavrinScheduler

@@ -1,0 +1,41 @@
+// The main-loop runner of workers: one pass runs scheduled workers in first-in first-out order
+// for at most kWorkerPassBudgetMs. Keeps, never owns, its workers. add/remove from any thread;
+// run() on the loop thread.
+#pragma once
+
+#include "tavrincommon/scheduler/WorkerList.h"
+
+#include <cstdint>
+#include <iosfwd>
+
+namespace tavrinLog {
+class TavrinLogging;
+}
+
+namespace tavrinScheduler {
+
+class TaskScheduler {
+ public:
+  static constexpr int kWorkerPassBudgetMs = 750;
+  // A worker that runs longer than this is reported.
+  static constexpr int kSlowWorkerMs = 100;
+
+  explicit TaskScheduler(tavrinLog::TavrinLogging* logging_) : logging(logging_) {}
+
+  bool add(Worker* worker) { return workers.add(worker, false); }
+  void remove(Worker* worker) { workers.remove(worker); }
+  // One worker pass. True when the budget ran out with workers still scheduled.
+  bool run();
+
+  void setLogging(tavrinLog::TavrinLogging* logging_) { logging = logging_; }
+  uint32_t getRunCounter() const { return runCounter; }
+  WorkerList& getWorkerList() { return workers; }
+  void dump(std::ostream& out, const char* prefix) { workers.dump(out, prefix); }
+
+ private:
+  tavrinLog::TavrinLogging* logging;
+  uint32_t runCounter = 0;
+  WorkerList workers;
+};
+
+}  // namespace tavrinScheduler

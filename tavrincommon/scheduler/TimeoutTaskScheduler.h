@@ -1,0 +1,56 @@
+// The armed timeouts of one scheduler, ordered by due time, and the waiting set of tasks armed
+// from other threads until the loop activates them. Keeps, never owns, its tasks. The active set
+// is used on the loop thread only; the waiting set under the scheduler's timeouts mutex.
+#pragma once
+
+#include "tavrincommon/common/WrapTS.h"
+#include "tavrincommon/scheduler/TimeoutTask.h"
+
+#include <iosfwd>
+#include <set>
+
+namespace tavrinLog {
+class TavrinLogging;
+}
+
+namespace tavrinScheduler {
+
+class TimeoutTaskScheduler {
+ public:
+  static constexpr int kSlowTimeoutMs = 100;
+
+  explicit TimeoutTaskScheduler(tavrinLog::TavrinLogging* logging_) : logging(logging_) {}
+  ~TimeoutTaskScheduler();
+  TimeoutTaskScheduler(const TimeoutTaskScheduler&) = delete;
+  TimeoutTaskScheduler& operator=(const TimeoutTaskScheduler&) = delete;
+
+  // (Re-)arms the task `ms` milliseconds from now (or from `now`); 0 or less: due at once.
+  void add(TimeoutTask* task, int ms) { add(task, ms, tavrinCommon::MonotonicMs()); }
+  void add(TimeoutTask* task, int ms, tavrinCommon::MonotonicMs now);
+  // Inserts the task by its due time; nothing if it is in the set already.
+  void addTask(TimeoutTask* task);
+  void removeTask(TimeoutTask* task);
+  // The other-thread path; the caller holds the scheduler's timeouts mutex.
+  void addThreadsafe(TimeoutTask* task, int ms);
+  void activateWaitingTasks();
+  void removeFromWaitingTasks(TimeoutTask* task);
+  // Runs the tasks due at the start of the call and lowers `next` to the earliest due time left.
+  void runAndReturnNextTimeout(tavrinCommon::MonotonicMs& next) {
+    runAndReturnNextTimeout(next, tavrinCommon::MonotonicMs());
+  }
+  void runAndReturnNextTimeout(tavrinCommon::MonotonicMs& next, tavrinCommon::MonotonicMs now);
+  // Drops every armed task without calling it; the waiting set is kept.
+  void stop();
+
+  bool empty() const { return active.empty(); }
+  size_t size() const { return active.size(); }
+  void setLogging(tavrinLog::TavrinLogging* logging_) { logging = logging_; }
+  void dump(std::ostream& out, const char* prefix) const;
+
+ private:
+  tavrinLog::TavrinLogging* logging;
+  TimeoutTask::TaskSet active;
+  std::set<TimeoutTask*> waiting;
+};
+
+}  // namespace tavrinScheduler

@@ -10,6 +10,9 @@
 
 // tavrinCommon
 #include "tavrincommon/common/Clock.h"
+#include "tavrincommon/common/DirUtil.h"
+#include "tavrincommon/common/SignalHandler.h"
+#include "tavrincommon/common/StringHelper.h"
 #include "tavrincommon/common/ThreadHelper.h"
 #include "tavrincommon/common/TimeFunctions.h"
 #include "tavrincommon/common/TinyMutex.h"

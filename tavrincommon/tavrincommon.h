@@ -38,8 +38,12 @@
 // tavrinNetwork
 #include "tavrincommon/network/IPSocketHelper.h"
 #include "tavrincommon/network/MACAddress.h"
+#include "tavrincommon/network/MulticastSocket.h"
+#include "tavrincommon/network/MulticastSocketInterface.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 #include "tavrincommon/network/SimpleIp.h"
 #include "tavrincommon/network/TCPSocket.h"
 #include "tavrincommon/network/TCPSocketHelper.h"
 #include "tavrincommon/network/TCPSocketInterface.h"
+#include "tavrincommon/network/UDPSocket.h"
+#include "tavrincommon/network/UDPSocketInterface.h"

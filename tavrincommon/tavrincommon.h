@@ -37,9 +37,11 @@
 
 // tavrinNetwork
 #include "tavrincommon/network/IPSocketHelper.h"
+#include "tavrincommon/network/LocalIPAddressWatcher.h"
 #include "tavrincommon/network/MACAddress.h"
 #include "tavrincommon/network/MulticastSocket.h"
 #include "tavrincommon/network/MulticastSocketInterface.h"
+#include "tavrincommon/network/NetlinkSocket.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 #include "tavrincommon/network/SimpleIp.h"
 #include "tavrincommon/network/TCPSocket.h"

@@ -1,6 +1,7 @@
 #include "tavrincommon/network/MulticastSocket.h"
 
 #include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/OwnNetworkNamespace.h"
 
 #include <cstdio>
 #include <fstream>
@@ -183,6 +184,46 @@ TEST_F(MulticastSocketTest, FailingUnicastSocketEndsTheOpen) {
       << log.text();
   EXPECT_FALSE(socket.valid());
   EXPECT_EQ(socket.getUnicastFd(), -1);
+}
+
+// The interface of a joined group disappears: runs in a network namespace of its own.
+class MulticastSocketInterfaceGoneTest : public ::testing::Test {
+ protected:
+  tavrinTesting::LogCapture log;
+};
+
+TEST_F(MulticastSocketInterfaceGoneTest, LeaveIsStillAttemptedAndJoinRefused) {
+  if (!tavrinTesting::inOwnNetworkNamespace()) return;
+  if (!tavrinTesting::runCommand("ip link add v0 type veth peer name v1 && ip link set v0 up && "
+                                 "ip link set v1 up && ip addr add 192.0.2.1/24 dev v0")) {
+    const char* reason = "cannot create a veth pair in the test's network namespace; skipped";
+    tavrinTesting::reportSkipToOuterRun(reason);
+    GTEST_SKIP() << reason;
+  }
+  const SimpleIp group("239.255.93.20");
+  const SimpleIp own("192.0.2.1");
+  MulticastSocket joinedSocket(log.logging());
+  MulticastSocket unjoinedSocket(log.logging());
+  ASSERT_TRUE(joinedSocket.open(group, 47920, own, 0, "v0", true, true, false)) << log.text();
+  ASSERT_TRUE(unjoinedSocket.open(group, 47920, own, 0, "v0", true, false, false)) << log.text();
+  EXPECT_TRUE(kernelHasMembership("v0", group));
+  const int joinedFd = joinedSocket.getFd();
+  const int unjoinedFd = unjoinedSocket.getFd();
+  ASSERT_TRUE(tavrinTesting::runCommand("ip link del v0"));
+
+  EXPECT_FALSE(unjoinedSocket.joinOrLeaveMcGroup(true));
+  EXPECT_TRUE(log.contains("Sockets: Error: Failed to join MC group 239.255.93.20 with socket " +
+                           std::to_string(unjoinedFd) + " (interface: 'v0'): Interface not found!"))
+      << log.text();
+
+  joinedSocket.close();
+  EXPECT_TRUE(log.contains("Sockets: Error: Leave MC group 239.255.93.20 with socket " +
+                           std::to_string(joinedFd) +
+                           " (interface: 'v0'): Interface not found, continuing anyway on all "
+                           "interfaces!"))
+      << log.text();
+  EXPECT_FALSE(joinedSocket.valid());
+  EXPECT_FALSE(joinedSocket.isJoined());
 }
 
 }  // namespace

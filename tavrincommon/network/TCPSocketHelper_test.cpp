@@ -85,8 +85,6 @@ TEST_F(TCPSocketHelperTest, NonblockingConnectInProgressThenAccepted) {
   EXPECT_EQ(accepted->getBoundEndpoint(), serverEndpoint);
   EXPECT_NE(fcntl(accepted->getFd(), F_GETFL) & O_NONBLOCK, 0);
   EXPECT_NE(fcntl(accepted->getFd(), F_GETFD) & FD_CLOEXEC, 0);
-  EXPECT_NE(fcntl(client->getFd(), F_GETFD) & FD_CLOEXEC, 0);
-  EXPECT_NE(fcntl(server->getFd(), F_GETFL) & O_NONBLOCK, 0);
 
   EXPECT_EQ(client->send("ping", 4), 4);
   ASSERT_TRUE(waitFor(accepted->getFd(), POLLIN));
@@ -121,16 +119,6 @@ TEST_F(TCPSocketHelperTest, AcceptWithNobodyWaitingFailsAndClearsPeer) {
   EXPECT_TRUE(log.contains(expected)) << log.text();
 }
 
-TEST_F(TCPSocketHelperTest, ListenOnAPortInUseFailsWithBindMessage) {
-  auto server = listenOnLoopback();
-  ASSERT_TRUE(server);
-  const SimpleEndpoint taken = server->getBoundEndpoint();
-  EXPECT_FALSE(TCPSocketHelper::createListenSocket(taken, false, log.logging()));
-  EXPECT_TRUE(log.contains("Failed to bind server socket to " + taken.toString() + " (" +
-                           std::to_string(EADDRINUSE) + " ("))
-      << log.text();
-}
-
 TEST_F(TCPSocketHelperTest, RefusedConnectShowsAsPendingError) {
   // A port that was just free: bind, learn it, close.
   SimpleEndpoint closed;
@@ -147,17 +135,6 @@ TEST_F(TCPSocketHelperTest, RefusedConnectShowsAsPendingError) {
   EXPECT_TRUE(client->hasError());
   EXPECT_TRUE(log.contains("hasError(): Error on socket " + std::to_string(client->getFd()) + ": " +
                            std::to_string(ECONNREFUSED) + " (Connection refused)!"))
-      << log.text();
-}
-
-TEST_F(TCPSocketHelperTest, BindToForeignLocalIpFails) {
-  bool connectedNow = true;
-  EXPECT_FALSE(TCPSocketHelper::connectToServer(SimpleEndpoint(kLoopback, 9), SimpleIp("192.0.2.1"),
-                                                connectedNow, false, log.logging()));
-  EXPECT_FALSE(connectedNow);
-  EXPECT_TRUE(log.contains("Failed to bind client socket connecting to endpoint 127.0.0.1:9 to "
-                           "local IP 192.0.2.1 (" +
-                           std::to_string(EADDRNOTAVAIL) + " ("))
       << log.text();
 }
 

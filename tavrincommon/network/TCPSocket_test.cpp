@@ -6,9 +6,7 @@
 #include <cerrno>
 #include <csignal>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,13 +19,6 @@ const SimpleIp kLoopback("127.0.0.1");
 bool waitFor(int fd, short events, int ms = 5000) {
   pollfd entry{fd, events, 0};
   return poll(&entry, 1, ms) == 1;
-}
-
-int tosOf(int fd) {
-  int tos = -1;
-  socklen_t length = sizeof tos;
-  getsockopt(fd, IPPROTO_IP, IP_TOS, &tos, &length);
-  return tos;
 }
 
 // A connected pair over 127.0.0.1: `client` from connectToServer, `server` side accepted.
@@ -73,16 +64,6 @@ TEST_F(TCPSocketTest, LingerZeroCloseResetsPeerAndLaterWritesFailWithEpipe) {
   std::signal(SIGPIPE, previous);
 }
 
-TEST_F(TCPSocketTest, ReceiveReportsOrderlyCloseAndWouldBlock) {
-  char buffer[4];
-  errno = 0;
-  EXPECT_EQ(server->receive(buffer, sizeof buffer), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  ASSERT_EQ(shutdown(client->getFd(), SHUT_WR), 0);
-  ASSERT_TRUE(waitFor(server->getFd(), POLLIN));
-  EXPECT_EQ(server->receive(buffer, sizeof buffer), 0);
-}
-
 TEST_F(TCPSocketTest, BoundEndpointIsAskedOnce) {
   const SimpleEndpoint first = client->getBoundEndpoint();
   EXPECT_EQ(first.getIp(), kLoopback);
@@ -94,17 +75,6 @@ TEST_F(TCPSocketTest, BoundEndpointIsAskedOnce) {
   ASSERT_GE(dup2(other, client->getFd()), 0);
   ::close(other);
   EXPECT_EQ(client->getBoundEndpoint(), first);
-}
-
-TEST_F(TCPSocketTest, ForwardersActOnTheDescriptor) {
-  EXPECT_TRUE(client->setDSCP(46));
-  EXPECT_EQ(tosOf(client->getFd()), 0xB8);
-  EXPECT_TRUE(client->setNonblock());
-  EXPECT_FALSE(client->hasError());
-  EXPECT_FALSE(TCPSocket::getMptcp(client->getFd(), nullptr));
-  EXPECT_TRUE(TCPSocket::setMptcp(client->getFd(), nullptr));
-  EXPECT_EQ(client->send("x", -1), -1);
-  EXPECT_EQ(errno, EINVAL);
 }
 
 }  // namespace

@@ -84,20 +84,5 @@ TEST_F(UDPSocketTest, FailedOpenLogsAndLeavesTheSocketClosed) {
   EXPECT_FALSE(receiver.valid());
 }
 
-TEST_F(UDPSocketTest, SocketOptionsReachTheDescriptor) {
-  ASSERT_TRUE(sender.open(kLoopback, 0, "", true));
-  EXPECT_TRUE(sender.setMulticastTTL(0));
-  EXPECT_TRUE(sender.setMulticastLoop(false));
-  EXPECT_TRUE(sender.setDSCP(10));
-  unsigned char ttl = 99;
-  socklen_t length = sizeof ttl;
-  ASSERT_EQ(getsockopt(sender.getFd(), IPPROTO_IP, IP_MULTICAST_TTL, &ttl, &length), 0);
-  EXPECT_EQ(ttl, 0);
-  int tos = 0;
-  length = sizeof tos;
-  ASSERT_EQ(getsockopt(sender.getFd(), IPPROTO_IP, IP_TOS, &tos, &length), 0);
-  EXPECT_EQ(tos, 40);
-}
-
 }  // namespace
 }  // namespace tavrinNetwork

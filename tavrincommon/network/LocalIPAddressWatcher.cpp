@@ -48,6 +48,8 @@ void LocalIPAddressWatcher::setIpChangedCallback(IpChangedCallback callback) {
 
 bool LocalIPAddressWatcher::start(const std::vector<std::string>& interfaceNames) {
   for (const auto& name : interfaceNames) interfaces.push_back({name, NO_IP, NO_IP});
+  // A start without stop reopens the socket: the registration of the old descriptor must go.
+  if (scheduler && ioHandle) scheduler->removeIOItem(ioHandle);
   if (!netlink.open(NETLINK_ROUTE, RTMGRP_IPV4_IFADDR)) {
     const int error = errno;
     TAVRIN_LOG(logging, DefaultOrigins::NetworkService, SeverityLevel::Error,

@@ -1,0 +1,158 @@
+#include "tavrincommon/log/TavrinLogging.h"
+
+#include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/GlobalLogging.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using tavrinCommon::DefaultOrigins;
+using tavrinLog::SeverityLevel;
+using tavrinLog::TavrinLogging;
+
+struct Captured {
+  int origin;
+  SeverityLevel::Type severity;
+  std::string text;
+};
+
+class TavrinLoggingTest : public ::testing::Test {
+ protected:
+  TavrinLogging::LogCallback capture() {
+    return [this](int origin, SeverityLevel::Type severity, const char* text) {
+      lines.push_back({origin, severity, text});
+    };
+  }
+  static const char* names(int origin) { return DefaultOrigins::getText(origin); }
+
+  std::vector<Captured> lines;
+};
+
+TEST_F(TavrinLoggingTest, InvalidInitialLevelFallsBackToService) {
+  EXPECT_EQ(TavrinLogging(static_cast<SeverityLevel::Type>(9), {}).getComponentSeverity(0),
+            SeverityLevel::Service);
+  EXPECT_EQ(TavrinLogging(SeverityLevel::Off, {}).getComponentSeverity(0), SeverityLevel::Service);
+  EXPECT_EQ(TavrinLogging(SeverityLevel::Debug, {}).getComponentSeverity(0), SeverityLevel::Debug);
+}
+
+TEST_F(TavrinLoggingTest, ComponentLevelsOverrideTheDefaultUntilReset) {
+  TavrinLogging logging(SeverityLevel::Info, capture());
+  logging.setComponentSeverity(3, SeverityLevel::Debug);
+  EXPECT_EQ(logging.getComponentSeverity(3), SeverityLevel::Debug);
+  EXPECT_EQ(logging.getComponentSeverity(4), SeverityLevel::Info);
+  EXPECT_TRUE(logging.isEnabled(3, SeverityLevel::Debug));
+  EXPECT_FALSE(logging.isEnabled(4, SeverityLevel::Debug));
+
+  logging.setComponentSeverity(3, static_cast<SeverityLevel::Type>(8));  // ignored
+  EXPECT_EQ(logging.getComponentSeverity(3), SeverityLevel::Debug);
+  logging.setComponentSeverity(3, SeverityLevel::Info);  // back to the default: entry removed
+  EXPECT_EQ(logging.getComponentSeverity(3), SeverityLevel::Info);
+  logging.setAllComponentsSeverity(SeverityLevel::Error);
+  EXPECT_EQ(logging.getComponentSeverity(3), SeverityLevel::Error);
+
+  logging.setComponentSeverity(5, SeverityLevel::Maximum);
+  logging.setAllComponentsSeverity(static_cast<SeverityLevel::Type>(8));  // ignored
+  EXPECT_EQ(logging.getComponentSeverity(5), SeverityLevel::Maximum);
+  logging.setAllComponentsSeverity(SeverityLevel::Info);  // discards per-origin entries
+  EXPECT_EQ(logging.getComponentSeverity(5), SeverityLevel::Info);
+}
+
+TEST_F(TavrinLoggingTest, LevelTextsAndParsing) {
+  EXPECT_STREQ(SeverityLevel::getText(SeverityLevel::Service), "Service");
+  EXPECT_STREQ(SeverityLevel::getText(SeverityLevel::Maximum), "Maximum");
+  EXPECT_STREQ(SeverityLevel::getText(SeverityLevel::Off), "invalid");
+  EXPECT_STREQ(SeverityLevel::getText(static_cast<SeverityLevel::Type>(8)), "invalid");
+  EXPECT_EQ(SeverityLevel::parse("Off"), SeverityLevel::Off);
+  EXPECT_EQ(SeverityLevel::parse("Emergency"), SeverityLevel::Emergency);
+  EXPECT_EQ(SeverityLevel::parse("Debug"), SeverityLevel::Debug);
+  EXPECT_EQ(SeverityLevel::parse("Maximum"), SeverityLevel::Detailed);
+  EXPECT_EQ(SeverityLevel::parse("debug"), SeverityLevel::Detailed);
+  EXPECT_EQ(SeverityLevel::parse(""), SeverityLevel::Detailed);
+
+  EXPECT_STREQ(DefaultOrigins::getText(DefaultOrigins::Scheduler), "Scheduler");
+  EXPECT_STREQ(DefaultOrigins::getText(DefaultOrigins::TrelvoInterface), "TrelvoInterface");
+  EXPECT_STREQ(DefaultOrigins::getText(10), "unknown");
+  EXPECT_STREQ(DefaultOrigins::getText(-1), "unknown");
+  EXPECT_TRUE(DefaultOrigins::isValidNum(9));
+  EXPECT_FALSE(DefaultOrigins::isValidNum(10));
+  EXPECT_FALSE(DefaultOrigins::isValidNum(-1));
+  EXPECT_EQ(DefaultOrigins::size(), 10u);
+}
+
+TEST_F(TavrinLoggingTest, PrefixesOriginAndSeverityNames) {
+  TavrinLogging logging(SeverityLevel::Maximum, capture(), names);
+  logging.log<true>(6, SeverityLevel::Debug, "IOWatcher %s took %d ms", "x", 120);
+  logging.log<false>(6, SeverityLevel::Debug, "bare %d", 1);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].text, "Scheduler: Debug: IOWatcher x took 120 ms");
+  EXPECT_EQ(lines[0].origin, 6);
+  EXPECT_EQ(lines[0].severity, SeverityLevel::Debug);
+  EXPECT_EQ(lines[1].text, "bare 1");
+
+  TavrinLogging unnamed(SeverityLevel::Maximum, capture());
+  unnamed.log<true>(6, SeverityLevel::Info, "x");
+  EXPECT_EQ(lines.back().text, "Unknown: Info: x");
+}
+
+TEST_F(TavrinLoggingTest, CutsLinesAt2047CharactersPrefixIncluded) {
+  TavrinLogging logging(SeverityLevel::Maximum, capture(), names);
+  const std::string long3000(3000, 'a');
+  logging.log<true>(6, SeverityLevel::Service, "%s", long3000.c_str());
+  logging.log<false>(6, SeverityLevel::Service, "%s", long3000.c_str());
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].text.size(), 2047u);
+  EXPECT_EQ(lines[0].text.substr(0, 20), "Scheduler: Service: ");
+  EXPECT_EQ(lines[1].text.size(), 2047u);
+
+  // An origin name that fills the whole line leaves the text no room, but the line still ends.
+  static const std::string huge(3000, 'n');
+  TavrinLogging hugeNames(SeverityLevel::Maximum, capture(), [](int) { return huge.c_str(); });
+  hugeNames.log<true>(0, SeverityLevel::Error, "text");
+  EXPECT_EQ(lines.back().text.size(), 2047u);
+  EXPECT_EQ(lines.back().text.find("text"), std::string::npos);
+}
+
+TEST_F(TavrinLoggingTest, MacroFormatsOnlyWhatPassesTheLevel) {
+  TavrinLogging logging(SeverityLevel::Info, capture(), names);
+  int evaluated = 0;
+  auto argument = [&evaluated] { return ++evaluated; };
+  TAVRIN_LOG(&logging, 6, SeverityLevel::Debug, "hidden %d", argument());
+  TAVRIN_LOG(&logging, 6, SeverityLevel::Info, "shown %d", argument());
+  TAVRIN_LOG(static_cast<TavrinLogging*>(nullptr), 6, SeverityLevel::Error, "none %d", argument());
+  EXPECT_EQ(evaluated, 1);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text, "Scheduler: Info: shown 1");
+}
+
+TEST_F(TavrinLoggingTest, GlobalObjectIsReplacedOnlyWhenAsked) {
+  tavrinLog::globalLogging.reset();
+  tavrinLog::setSeverityOff();  // no object: nothing happens
+  EXPECT_EQ(tavrinLog::getGlobalLogging(), nullptr);
+
+  tavrinLog::initGlobalLogging(SeverityLevel::Info, capture());
+  TavrinLogging* first = tavrinLog::getGlobalLogging();
+  ASSERT_NE(first, nullptr);
+  tavrinLog::initGlobalLogging(SeverityLevel::Debug, capture(), false);
+  EXPECT_EQ(tavrinLog::getGlobalLogging(), first);
+  EXPECT_EQ(first->getComponentSeverity(1), SeverityLevel::Info);
+  tavrinLog::initGlobalLogging(SeverityLevel::Debug, capture(), true, names);
+  ASSERT_NE(tavrinLog::getGlobalLogging(), nullptr);
+  EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(1), SeverityLevel::Debug);
+  EXPECT_STREQ(tavrinLog::getGlobalLogging()->originToString(2), "SimpleConnector");
+
+  tavrinLog::setComponentSeverity(2, SeverityLevel::Error);
+  EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(2), SeverityLevel::Error);
+  tavrinLog::setSeverityOff();
+  EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(2), SeverityLevel::Off);
+  EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(77), SeverityLevel::Off);
+  EXPECT_FALSE(tavrinLog::getGlobalLogging()->isEnabled(0, SeverityLevel::Emergency));
+  tavrinLog::setAllComponentsSeverity(SeverityLevel::Warning);
+  EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(2), SeverityLevel::Warning);
+  tavrinLog::globalLogging.reset();
+}
+
+}  // namespace

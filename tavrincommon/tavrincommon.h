@@ -10,9 +10,13 @@
 
 // tavrinCommon
 #include "tavrincommon/common/Clock.h"
+#include "tavrincommon/common/DirUtil.h"
+#include "tavrincommon/common/SignalHandler.h"
+#include "tavrincommon/common/StringHelper.h"
 #include "tavrincommon/common/ThreadHelper.h"
 #include "tavrincommon/common/TimeFunctions.h"
 #include "tavrincommon/common/TinyMutex.h"
+#include "tavrincommon/common/Utilities.h"
 #include "tavrincommon/common/WrapTS.h"
 
 // tavrinScheduler
@@ -30,3 +34,12 @@
 #include "tavrincommon/scheduler/WatchdogInterface.h"
 #include "tavrincommon/scheduler/Worker.h"
 #include "tavrincommon/scheduler/WorkerList.h"
+
+// tavrinNetwork
+#include "tavrincommon/network/IPSocketHelper.h"
+#include "tavrincommon/network/MACAddress.h"
+#include "tavrincommon/network/SimpleEndpoint.h"
+#include "tavrincommon/network/SimpleIp.h"
+#include "tavrincommon/network/TCPSocket.h"
+#include "tavrincommon/network/TCPSocketHelper.h"
+#include "tavrincommon/network/TCPSocketInterface.h"

@@ -1,0 +1,100 @@
+#include "tavrincommon/common/DirUtil.h"
+
+#include "tavrincommon/log/GlobalLogging.h"
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace tavrinCommon {
+namespace {
+
+class DirUtilTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/dirutil_test_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    root = pattern;
+    tavrinLog::initGlobalLogging(
+        tavrinLog::SeverityLevel::Maximum,
+        [this](int, tavrinLog::SeverityLevel::Type, const char* text) { logged.push_back(text); },
+        true);
+  }
+  void TearDown() override {
+    tavrinLog::initGlobalLogging(tavrinLog::SeverityLevel::Service, nullptr, true);
+    EXPECT_TRUE(dirUtil::removeDir(root.c_str()));
+    EXPECT_FALSE(dirUtil::fileExists(root.c_str()));
+  }
+  std::string path(const std::string& relative) const { return root + "/" + relative; }
+  void write(const std::string& relative, const std::string& content) {
+    ASSERT_EQ(dirUtil::sysfsWrite(path(relative).c_str(), content.data(),
+                                  static_cast<unsigned>(content.size())),
+              static_cast<int>(content.size()));
+  }
+
+  std::string root;
+  std::vector<std::string> logged;
+};
+
+TEST_F(DirUtilTest, CreateDirPathCreatesMissingLevelsAndLogsEach) {
+  ASSERT_TRUE(dirUtil::createDirPath(path("a").c_str()));
+  logged.clear();
+  EXPECT_TRUE(dirUtil::createDirPath(path("a/b/c").c_str()));
+  ASSERT_EQ(logged.size(), 2u);
+  EXPECT_NE(logged[0].find("Created dir: " + path("a/b")), std::string::npos) << logged[0];
+  EXPECT_NE(logged[1].find("Created dir: " + path("a/b/c")), std::string::npos) << logged[1];
+  EXPECT_TRUE(dirUtil::directoryExists(path("a/b/c").c_str()));
+  EXPECT_TRUE(dirUtil::isDir(path("a/b/c").c_str()));
+  EXPECT_TRUE(dirUtil::createDirPath(""));
+}
+
+TEST_F(DirUtilTest, CreateDirPathUnderARegularFileFails) {
+  write("file", "x");
+  EXPECT_FALSE(dirUtil::createDirPath(path("file/sub").c_str()));
+  EXPECT_FALSE(dirUtil::directoryExists(path("file").c_str()));
+  EXPECT_FALSE(dirUtil::isDir(path("file").c_str()));
+}
+
+TEST_F(DirUtilTest, FileQueriesRenameAndDelete) {
+  EXPECT_EQ(dirUtil::fileSize(path("missing").c_str()), -1);
+  EXPECT_FALSE(dirUtil::fileExists(path("missing").c_str()));
+  write("f", "hello");
+  EXPECT_TRUE(dirUtil::fileExists(path("f").c_str()));
+  EXPECT_TRUE(dirUtil::fileReadable(path("f").c_str()));
+  EXPECT_TRUE(dirUtil::fileWritable(path("f").c_str()));
+  EXPECT_EQ(dirUtil::fileSize(path("f").c_str()), 5);
+  EXPECT_TRUE(dirUtil::fileRename(path("f").c_str(), path("g").c_str()));
+  EXPECT_FALSE(dirUtil::fileExists(path("f").c_str()));
+  EXPECT_TRUE(dirUtil::fileDelete(path("g").c_str()));
+  EXPECT_FALSE(dirUtil::fileDelete(path("g").c_str()));
+  EXPECT_FALSE(dirUtil::fileRename(path("g").c_str(), path("h").c_str()));
+}
+
+TEST_F(DirUtilTest, SysfsReadTerminatesWithinTheBuffer) {
+  write("value", "42\n");
+  char buffer[3] = {'x', 'x', 'x'};
+  EXPECT_TRUE(dirUtil::sysfsRead(path("value").c_str(), buffer, sizeof buffer));
+  EXPECT_STREQ(buffer, "42");
+  char one[1] = {'x'};
+  EXPECT_FALSE(dirUtil::sysfsRead(path("value").c_str(), one, 1));
+  EXPECT_EQ(one[0], '\0');
+  write("empty", "");
+  char big[16];
+  EXPECT_FALSE(dirUtil::sysfsRead(path("empty").c_str(), big, sizeof big));
+  EXPECT_FALSE(dirUtil::sysfsRead(path("missing").c_str(), big, sizeof big));
+  EXPECT_EQ(dirUtil::sysfsWrite(path("no/such/dir").c_str(), "x", 1), -1);
+}
+
+TEST_F(DirUtilTest, RemoveDirRemovesATree) {
+  ASSERT_TRUE(dirUtil::createDirPath(path("t/u/v").c_str()));
+  write("t/u/file", "data");
+  EXPECT_TRUE(dirUtil::removeDir(path("t").c_str()));
+  EXPECT_FALSE(dirUtil::fileExists(path("t").c_str()));
+  EXPECT_TRUE(dirUtil::removeDir(path("t").c_str()));
+}
+
+}  // namespace
+}  // namespace tavrinCommon

@@ -1,0 +1,96 @@
+#include "tavrincommon/common/SignalHandler.h"
+
+#include <csignal>
+
+#include <gtest/gtest.h>
+
+namespace tavrinCommon {
+namespace {
+
+void (*currentDisposition(int signalNumber))(int) {
+  struct sigaction action;
+  sigaction(signalNumber, nullptr, &action);
+  return action.sa_handler;
+}
+
+class SignalHandlerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { handler.mainLoopSignalCheck(); }  // nothing left from elsewhere
+  SignalHandler handler;
+};
+
+TEST_F(SignalHandlerTest, RunsTheFunctionOnlyInTheCheckAndOnlyOnce) {
+  int calls = 0;
+  handler.addSignal(SIGTERM, [&] { ++calls; });
+  ASSERT_EQ(std::raise(SIGTERM), 0);
+  EXPECT_EQ(calls, 0);
+  handler.mainLoopSignalCheck();
+  EXPECT_EQ(calls, 1);
+  handler.mainLoopSignalCheck();
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(SignalHandlerTest, ALaterSignalReplacesAnUncheckedOne) {
+  int terms = 0;
+  int users = 0;
+  handler.addSignal(SIGTERM, [&] { ++terms; });
+  handler.addSignal(SIGUSR1, [&] { ++users; });
+  std::raise(SIGTERM);
+  std::raise(SIGUSR1);
+  handler.mainLoopSignalCheck();
+  handler.mainLoopSignalCheck();
+  EXPECT_EQ(terms, 0);
+  EXPECT_EQ(users, 1);
+}
+
+TEST_F(SignalHandlerTest, AddingAgainReplacesTheFunction) {
+  int first = 0;
+  int second = 0;
+  handler.addSignal(SIGUSR2, [&] { ++first; });
+  handler.addSignal(SIGUSR2, [&] { ++second; });
+  std::raise(SIGUSR2);
+  handler.mainLoopSignalCheck();
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(second, 1);
+}
+
+TEST_F(SignalHandlerTest, RemoveAndClearRestoreTheDefaultDisposition) {
+  handler.addSignal(SIGTERM, [] {});
+  handler.addSignal(SIGUSR1, [] {});
+  EXPECT_NE(currentDisposition(SIGTERM), SIG_DFL);
+  handler.removeSignal(SIGTERM);
+  EXPECT_EQ(currentDisposition(SIGTERM), SIG_DFL);
+  EXPECT_NE(currentDisposition(SIGUSR1), SIG_DFL);
+  handler.removeSignal(SIGHUP);  // unknown: nothing
+  handler.clear();
+  EXPECT_EQ(currentDisposition(SIGUSR1), SIG_DFL);
+}
+
+TEST_F(SignalHandlerTest, UnregisteredPendingSignalIsDropped) {
+  int calls = 0;
+  {
+    SignalHandler other;
+    other.addSignal(SIGUSR1, [] {});
+    std::raise(SIGUSR1);
+  }  // destroyed: SIGUSR1 back to default, the recorded signal still pending
+  EXPECT_EQ(currentDisposition(SIGUSR1), SIG_DFL);
+  handler.addSignal(SIGUSR2, [&] { ++calls; });
+  handler.mainLoopSignalCheck();
+  handler.mainLoopSignalCheck();
+  EXPECT_EQ(calls, 0);
+}
+
+TEST_F(SignalHandlerTest, FunctionMayRemoveItself) {
+  int calls = 0;
+  handler.addSignal(SIGUSR1, [&] {
+    ++calls;
+    handler.removeSignal(SIGUSR1);
+  });
+  std::raise(SIGUSR1);
+  handler.mainLoopSignalCheck();
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(currentDisposition(SIGUSR1), SIG_DFL);
+}
+
+}  // namespace
+}  // namespace tavrinCommon

@@ -1,0 +1,147 @@
+#include "tavrincommon/network/TCPSocketHelper.h"
+
+#include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/TavrinLogging.h"
+#include "tavrincommon/network/IPSocketHelper.h"
+#include "tavrincommon/network/TCPSocket.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace tavrinNetwork {
+
+using tavrinCommon::DefaultOrigins;
+using tavrinLog::SeverityLevel;
+
+#define SOCKET_ERROR(logging, ...) \
+  TAVRIN_LOG(logging, DefaultOrigins::Sockets, SeverityLevel::Error, __VA_ARGS__)
+
+namespace {
+
+void enableMptcp(int fd, const SimpleEndpoint& endpoint, tavrinLog::TavrinLogging* logging) {
+  if (!TCPSocket::setMptcp(fd, logging)) {
+    const int error = errno;
+    SOCKET_ERROR(logging, "Failed to Enable MPTCP Connection at %s (%d (%s))!",
+                 SimpleEndpoint::CharString(endpoint).c_str(), error, std::strerror(error));
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<TCPSocketInterface> TCPSocketHelper::createListenSocket(
+    const SimpleEndpoint& at, bool mptcp, tavrinLog::TavrinLogging* logging) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    const int error = errno;
+    SOCKET_ERROR(logging, "Failed to create server socket (%d (%s))!", error, std::strerror(error));
+    return nullptr;
+  }
+  if (mptcp) enableMptcp(fd, at, logging);
+  IPSocketHelper::setLingerZero(fd);
+  const SimpleEndpoint address(at.getIp(), at.getPort());  // family forced to AF_INET
+  if (bind(fd, address.sockAddr(), SimpleEndpoint::kSockAddrLength) < 0) {
+    const int error = errno;
+    SOCKET_ERROR(logging, "Failed to bind server socket to %s (%d (%s))!",
+                 SimpleEndpoint::CharString(at).c_str(), error, std::strerror(error));
+    ::close(fd);
+    return nullptr;
+  }
+  if (listen(fd, 1) < 0) {
+    const int error = errno;
+    SOCKET_ERROR(logging, "Failed to listen to server socket at %s (%d (%s))!",
+                 SimpleEndpoint::CharString(at).c_str(), error, std::strerror(error));
+    ::close(fd);
+    return nullptr;
+  }
+  if (!TCPSocket::setNonblock(fd, logging)) {
+    SOCKET_ERROR(logging, "Failed to setup server socket at %s (NonBlock)!",
+                 SimpleEndpoint::CharString(at).c_str());
+    ::close(fd);
+    return nullptr;
+  }
+  return std::make_unique<TCPSocket>(logging, fd);
+}
+
+std::unique_ptr<TCPSocketInterface> TCPSocketHelper::acceptClient(
+    TCPSocketInterface* server, SimpleEndpoint& peer, tavrinLog::TavrinLogging* logging) {
+  SimpleEndpoint address;
+  socklen_t length = SimpleEndpoint::kSockAddrLength;
+  const int fd = server ? accept(server->getFd(), address.sockAddr(), &length) : -1;
+  if (fd < 0) {
+    const int error = server ? errno : EBADF;
+    SOCKET_ERROR(logging, "Failed to accept client on server socket %s (%d (%s))!",
+                 SimpleEndpoint::CharString(server ? server->getBoundEndpoint() : SimpleEndpoint())
+                     .c_str(),
+                 error, std::strerror(error));
+    peer.clear();
+    return nullptr;
+  }
+  peer = address;
+  if (!TCPSocket::setCloexec(fd, logging)) {
+    SOCKET_ERROR(logging, "Failed to setup client socket %s (CLOEXEC), aborting connection attempt!",
+                 SimpleEndpoint::CharString(peer).c_str());
+    ::close(fd);
+    return nullptr;
+  }
+  if (!TCPSocket::setNonblock(fd, logging)) {
+    SOCKET_ERROR(logging, "Failed to setup client socket %s (NonBlock), aborting connection attempt!",
+                 SimpleEndpoint::CharString(peer).c_str());
+    ::close(fd);
+    return nullptr;
+  }
+  return std::make_unique<TCPSocket>(logging, fd);
+}
+
+std::unique_ptr<TCPSocketInterface> TCPSocketHelper::connectToServer(
+    const SimpleEndpoint& remote, const SimpleIp& localIp, bool& connectedNow, bool mptcp,
+    tavrinLog::TavrinLogging* logging) {
+  connectedNow = false;
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    const int error = errno;
+    SOCKET_ERROR(logging, "Failed to create TCP socket to endpoint %s: %d (%s)!",
+                 SimpleEndpoint::CharString(remote).c_str(), error, std::strerror(error));
+    return nullptr;
+  }
+  if (mptcp) enableMptcp(fd, remote, logging);
+  IPSocketHelper::setLingerZero(fd);
+  const SimpleEndpoint local(localIp, 0);
+  if (bind(fd, local.sockAddr(), SimpleEndpoint::kSockAddrLength) < 0) {
+    const int error = errno;
+    SOCKET_ERROR(logging,
+                 "Failed to bind client socket connecting to endpoint %s to local IP %s (%d (%s))!",
+                 SimpleEndpoint::CharString(remote).c_str(), SimpleIp::CharString(localIp).c_str(),
+                 error, std::strerror(error));
+    ::close(fd);
+    return nullptr;
+  }
+  if (!TCPSocket::setNonblock(fd, logging)) {
+    SOCKET_ERROR(logging,
+                 "Failed to setup client socket (NonBlock) to endpoint %s, aborting connection "
+                 "attempt!",
+                 SimpleEndpoint::CharString(remote).c_str());
+    ::close(fd);
+    return nullptr;
+  }
+  const SimpleEndpoint address(remote.getIp(), remote.getPort());
+  if (connect(fd, address.sockAddr(), SimpleEndpoint::kSockAddrLength) == 0) {
+    connectedNow = true;
+  } else if (errno != EINPROGRESS) {
+    const int error = errno;
+    SOCKET_ERROR(logging, "Failed to connect TCP socket to endpoint %s: %d (%s)!",
+                 SimpleEndpoint::CharString(remote).c_str(), error, std::strerror(error));
+    ::close(fd);
+    return nullptr;
+  }
+  return std::make_unique<TCPSocket>(logging, fd);
+}
+
+bool TCPSocketHelper::isMptcpEnabled(int fd, tavrinLog::TavrinLogging* logging) {
+  return TCPSocket::getMptcp(fd, logging);
+}
+
+}  // namespace tavrinNetwork

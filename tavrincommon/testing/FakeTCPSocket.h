@@ -25,6 +25,9 @@ class FakeTCPSocket : public tavrinNetwork::TCPSocketInterface {
   // From this point on every receive returns 0 and the descriptor stays readable.
   void addEndOfStream();
 
+  // Scripted reads not yet handed out in full.
+  size_t pendingReads() const { return reads.size(); }
+
   // The next send takes at most `maxBytes` (0 and negative: fails with EAGAIN).
   void addSendLimit(int maxBytes);
   // The next send fails with this errno.

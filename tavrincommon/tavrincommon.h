@@ -43,3 +43,10 @@
 #include "tavrincommon/network/TCPSocket.h"
 #include "tavrincommon/network/TCPSocketHelper.h"
 #include "tavrincommon/network/TCPSocketInterface.h"
+
+// tavrinConnector
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/MessageBuffer.h"
+#include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/connector/TCPTransceiver.h"

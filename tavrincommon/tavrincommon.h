@@ -49,3 +49,10 @@
 #include "tavrincommon/network/TCPSocketInterface.h"
 #include "tavrincommon/network/UDPSocket.h"
 #include "tavrincommon/network/UDPSocketInterface.h"
+
+// tavrinConnector
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/MessageBuffer.h"
+#include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/connector/TCPTransceiver.h"

@@ -20,14 +20,14 @@ void TimeoutTaskScheduler::add(TimeoutTask* task, int ms, MonotonicMs now) {
 }
 
 namespace {
-const TimeoutTask::TimeoutTaskSetCompare before;
+const TimeoutTask::TimeoutTaskSetCompare firesBefore;
 }  // namespace
 
 void TimeoutTaskScheduler::siftUp(size_t index) {
   TimeoutTask* task = active[index];
   while (index > 0) {
     size_t parent = (index - 1) / 2;
-    if (!before(task, active[parent])) break;
+    if (!firesBefore(task, active[parent])) break;
     place(index, active[parent]);
     index = parent;
   }
@@ -40,8 +40,8 @@ void TimeoutTaskScheduler::siftDown(size_t index) {
   for (;;) {
     size_t child = 2 * index + 1;
     if (child >= count) break;
-    if (child + 1 < count && before(active[child + 1], active[child])) ++child;
-    if (!before(active[child], task)) break;
+    if (child + 1 < count && firesBefore(active[child + 1], active[child])) ++child;
+    if (!firesBefore(active[child], task)) break;
     place(index, active[child]);
     index = child;
   }
@@ -63,7 +63,7 @@ void TimeoutTaskScheduler::removeTask(TimeoutTask* task) {
   active.pop_back();
   if (index == active.size()) return;
   place(index, last);
-  if (index > 0 && before(last, active[(index - 1) / 2])) {
+  if (index > 0 && firesBefore(last, active[(index - 1) / 2])) {
     siftUp(index);
   } else {
     siftDown(index);
@@ -115,7 +115,7 @@ void TimeoutTaskScheduler::stop() {
 
 void TimeoutTaskScheduler::dump(std::ostream& out, const char* prefix) const {
   std::vector<TimeoutTask*> inFiringOrder(active);
-  std::sort(inFiringOrder.begin(), inFiringOrder.end(), before);
+  std::sort(inFiringOrder.begin(), inFiringOrder.end(), firesBefore);
   for (const TimeoutTask* task : inFiringOrder) {
     out << prefix << "TimeoutTask " << std::setw(30) << tavrinLog::originName(logging, task->origin)
         << " called " << std::setw(4) << task->callCount << "x @ 0x" << std::hex

@@ -1,0 +1,93 @@
+#include "tavrincommon/connector/MessageBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+
+namespace tavrinConnector {
+namespace {
+
+class MessageBufferTest : public ::testing::Test {};
+
+TEST_F(MessageBufferTest, ConstructorsChooseCapacityWithElevenBytesAtLeast) {
+  EXPECT_EQ(MessageBuffer().getCapacity(), 1024u);
+  EXPECT_EQ(MessageBuffer(3).getCapacity(), 11u);
+  EXPECT_EQ(MessageBuffer(50).getCapacity(), 50u);
+  MessageBuffer fromData("abcdefghijkl", 12);
+  EXPECT_EQ(fromData.getCapacity(), 12u);
+  EXPECT_EQ(fromData.getOffset(), 12u);
+  EXPECT_EQ(MessageBuffer("abc", 3).getCapacity(), 11u);
+}
+
+TEST_F(MessageBufferTest, GrowsByDoublingAndKeepsEarlierBytes) {
+  MessageBuffer buffer;
+  std::string first(1000, 'x');
+  buffer.write(first.data(), 1000);
+  buffer.write("0123456789012345678901234567890", 30);
+  EXPECT_EQ(buffer.getCapacity(), 2048u);
+  buffer.setBytes(7, 3000);
+  EXPECT_EQ(buffer.getCapacity(), 4096u);
+  EXPECT_EQ(std::string(buffer.getData(), 1000), first);
+  EXPECT_EQ(std::string(buffer.getData() + 1000, 3), "012");
+  EXPECT_EQ(buffer.getDataLength(), 4030u);
+
+  MessageBuffer empty;
+  empty.resetToEmpty();
+  EXPECT_EQ(empty.getData(), nullptr);
+  empty.write("ab", 2);
+  EXPECT_EQ(empty.getCapacity(), 1024u);
+}
+
+TEST_F(MessageBufferTest, ReadersAndCursorMovesStayInsideTheData) {
+  MessageBuffer buffer("abcdef", 6);
+  buffer.setOffset(4);
+  char out[8] = {};
+  EXPECT_EQ(buffer.read(out, 8), 2u);
+  EXPECT_EQ(std::string(out, 2), "ef");
+  EXPECT_EQ(buffer.read(out, 8), 0u);
+
+  buffer.setOffset(7);  // beyond the data: ignored
+  EXPECT_EQ(buffer.getOffset(), 6u);
+  buffer.moveOffset(-7);
+  EXPECT_EQ(buffer.getOffset(), 6u);
+  buffer.moveOffset(-6);
+  EXPECT_EQ(buffer.getOffset(), 0u);
+  buffer.moveOffset(7);
+  EXPECT_EQ(buffer.getOffset(), 0u);
+
+  unsigned n = 10;
+  const char* raw = buffer.accessRawData(n);
+  EXPECT_EQ(n, 6u);
+  EXPECT_EQ(raw, buffer.getData());
+  EXPECT_EQ(buffer.getAndThenSetOffset(2), 6u);
+  EXPECT_EQ(buffer.getOffset(), 2u);
+}
+
+TEST_F(MessageBufferTest, OverwritingKeepsTheHighWaterMark) {
+  MessageBuffer buffer("abcdef", 6);
+  buffer.setOffset(1);
+  buffer.write("XY", 2);
+  EXPECT_EQ(buffer.getDataLength(), 6u);
+  EXPECT_EQ(std::string(buffer.getData(), 6), "aXYdef");
+}
+
+TEST_F(MessageBufferTest, ResetKeepsLargeEnoughStorageAndMoveEmptiesTheSource) {
+  MessageBuffer buffer(2048);
+  buffer.write("abc", 3);
+  const char* storage = buffer.getData();
+  buffer.reset(1024);
+  EXPECT_EQ(buffer.getData(), storage);
+  EXPECT_EQ(buffer.getDataLength(), 0u);
+  buffer.reset(4096);
+  EXPECT_EQ(buffer.getCapacity(), 4096u);
+
+  buffer.write("abc", 3);
+  MessageBuffer moved(std::move(buffer));
+  EXPECT_EQ(buffer.getData(), nullptr);
+  EXPECT_EQ(buffer.getDataLength(), 0u);
+  EXPECT_EQ(std::string(moved.getData(), moved.getDataLength()), "abc");
+}
+
+}  // namespace
+}  // namespace tavrinConnector

@@ -1,0 +1,94 @@
+#include "tavrincommon/connector/OutputMessage.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace tavrinConnector {
+namespace {
+
+class OutputMessageTest : public ::testing::Test {
+ protected:
+  static std::vector<unsigned char> frame(const OutputMessage& message) {
+    const auto* data = reinterpret_cast<const unsigned char*>(message.getData());
+    return std::vector<unsigned char>(data, data + message.getFrameLength());
+  }
+};
+
+TEST_F(OutputMessageTest, EmptyPayloadGivesTheElevenByteFrame) {
+  OutputMessage message;
+  EXPECT_FALSE(message.isFinalized());
+  message.finalizeMessage(3, 0x01020304);
+  EXPECT_TRUE(message.isFinalized());
+  EXPECT_EQ(frame(message), (std::vector<unsigned char>{0xA5, 0x06, 0x00, 0x00, 0x00, 0x03, 0x04,
+                                                        0x03, 0x02, 0x01, 0x5A}));
+}
+
+TEST_F(OutputMessageTest, FieldsAreLittleEndianAndFinalizingTwiceGivesTheSameFrame) {
+  OutputMessage message;
+  message.putUInt16(0x1234);
+  message.putString("ab");
+  message.finalizeMessage(1, 0);
+  const std::vector<unsigned char> expected{0xA5, 0x0B, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00,
+                                            0x00, 0x00, 0x34, 0x12, 0x02, 0x61, 0x62, 0x5A};
+  EXPECT_EQ(frame(message), expected);
+  message.finalizeMessage(1, 0);
+  EXPECT_EQ(frame(message), expected);
+
+  OutputMessage wide(4);
+  wide.putUInt8(0x1FF);
+  wide.putUInt32(0xA1B2C3D4u);
+  wide.putUInt64(0x0102030405060708ull);
+  wide.finalizeMessage(4, 0xFFFFFFFFu);
+  EXPECT_EQ(frame(wide), (std::vector<unsigned char>{0xA5, 0x13, 0, 0, 0, 0x04, 0xFF, 0xFF, 0xFF,
+                                                     0xFF, 0xFF, 0xD4, 0xC3, 0xB2, 0xA1, 0x08,
+                                                     0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01,
+                                                     0x5A}));
+}
+
+TEST_F(OutputMessageTest, LongStringIsCutTo255Bytes) {
+  OutputMessage message;
+  std::string text(300, 'q');
+  text[254] = 'e';
+  message.putString(text);
+  message.finalizeMessage(4, 0);
+  ASSERT_EQ(message.getFrameLength(), 11u + 256u);
+  EXPECT_EQ(static_cast<unsigned char>(message.getData()[10]), 0xFF);
+  EXPECT_EQ(message.getData()[10 + 255], 'e');
+  EXPECT_EQ(static_cast<unsigned char>(message.getData()[10 + 256]), 0x5A);
+}
+
+TEST_F(OutputMessageTest, LargePayloadGrowsTheBufferOnce) {
+  OutputMessage message;
+  for (unsigned i = 0; i < 1025; ++i) message.putUInt8(static_cast<int>(i));
+  EXPECT_EQ(message.getBuffer().getCapacity(), 2048u);
+  message.finalizeMessage(4, 9);
+  ASSERT_EQ(message.getFrameLength(), 1025u + 11u);
+  for (unsigned i = 0; i < 1025; ++i)
+    ASSERT_EQ(static_cast<unsigned char>(message.getData()[10 + i]), i & 0xFF);
+}
+
+TEST_F(OutputMessageTest, ClearAndMoveStartAgainWithAnEmptyUnfinalizedMessage) {
+  OutputMessage message;
+  message.putUInt32(1);
+  message.finalizeMessage(4, 1);
+  OutputMessage moved(std::move(message));
+  EXPECT_TRUE(moved.isFinalized());
+  EXPECT_FALSE(message.isFinalized());
+  moved.clear();
+  EXPECT_FALSE(moved.isFinalized());
+  EXPECT_EQ(moved.getFrameLength(), 10u);
+}
+
+TEST_F(OutputMessageTest, ShortHeaderStillGivesTheFixedLayout) {
+  OutputMessage message;
+  message.getBuffer().setOffset(4);
+  message.finalizeMessage(2, 0);
+  ASSERT_EQ(message.getFrameLength(), 12u);
+  EXPECT_EQ(static_cast<unsigned char>(message.getData()[1]), 7u);
+  EXPECT_EQ(static_cast<unsigned char>(message.getData()[11]), 0x5A);
+}
+
+}  // namespace
+}  // namespace tavrinConnector

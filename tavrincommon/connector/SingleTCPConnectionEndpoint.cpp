@@ -1,0 +1,189 @@
+#include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+
+#include "tavrincommon/common/WrapTS.h"
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/TavrinLogging.h"
+#include "tavrincommon/network/TCPSocketHelper.h"
+#include "tavrincommon/network/TCPSocketInterface.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+
+#include <ostream>
+#include <utility>
+
+namespace tavrinConnector {
+
+using tavrinCommon::DefaultOrigins;
+using tavrinLog::SeverityLevel;
+using tavrinNetwork::SimpleEndpoint;
+
+namespace {
+constexpr int kOrigin = DefaultOrigins::TCPConnector;
+}  // namespace
+
+SingleTCPConnectionEndpoint::SingleTCPConnectionEndpoint(
+    const SimpleEndpoint& peer, std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket,
+    bool connected, std::function<void()> eventCallback_, tavrinScheduler::Scheduler* scheduler_,
+    int idleTimeoutMs_, int keepAliveTimeoutMs_, tavrinLog::TavrinLogging* logging_)
+    : logging(logging_),
+      scheduler(scheduler_),
+      eventCallback(eventCallback_ ? std::move(eventCallback_) : std::function<void()>([] {})),
+      transceiver(
+          peer, std::move(socket), connected,
+          [this](std::unique_ptr<InputMessage>&& message) { receiveMessage(std::move(message)); },
+          [this] { resetKeepAliveTimeout(false); }, [this] { signalDisconnect(); },
+          [this](int fd, int events, TCPTransceiver::SocketCallback callback) {
+            registerSocketEvent(fd, events, std::move(callback));
+          },
+          [this](int fd, int events) { changeSocketEvent(fd, events); }, logging_),
+      idleTimeoutMs(idleTimeoutMs_),
+      keepAliveTimeoutMs(keepAliveTimeoutMs_),
+      keepAliveTimer(scheduler_, keepAliveTimeoutMs_, [this] { keepAliveTimerExpired(); }, kOrigin) {
+  // A connection on which no logical connection is ever opened is closed after the idle time.
+  startIdlePeriod();
+}
+
+SingleTCPConnectionEndpoint::~SingleTCPConnectionEndpoint() { disconnect(); }
+
+bool SingleTCPConnectionEndpoint::isConnected() const {
+  const tavrinNetwork::TCPSocketInterface* socket = transceiver.getSocket();
+  return socket && socket->valid();
+}
+
+std::unique_ptr<InputMessage> SingleTCPConnectionEndpoint::fetchReceivedMessage() {
+  if (receiveQueue.empty()) return nullptr;
+  std::unique_ptr<InputMessage> message = std::move(receiveQueue.front());
+  receiveQueue.pop_front();
+  return message;
+}
+
+void SingleTCPConnectionEndpoint::startTimer(int periodMs) {
+  keepAliveTimer.stop();
+  // Zero or negative periods are how the owner switches a role of the timer off; arming with them
+  // would close the connection on the next turn.
+  if (periodMs < 1) return;
+  keepAliveTimer.setInterval(periodMs);
+  keepAliveTimer.start();
+  keepAliveTimer.setInterval(keepAliveTimeoutMs);
+}
+
+void SingleTCPConnectionEndpoint::startIdlePeriod() {
+  startTimer(idleTimeoutMs >= 1 ? idleTimeoutMs : keepAliveTimeoutMs);
+}
+
+void SingleTCPConnectionEndpoint::addLogicalConnection(unsigned int id) {
+  if (logicalConnections.empty()) {
+    keepAliveTimer.stop();
+    resetKeepAliveTimeout(true);
+  }
+  logicalConnections.insert(id);
+}
+
+bool SingleTCPConnectionEndpoint::removeLogicalConnection(unsigned int id) {
+  logicalConnections.erase(id);
+  if (!logicalConnections.empty()) return false;
+  startIdlePeriod();
+  return true;
+}
+
+void SingleTCPConnectionEndpoint::resetKeepAliveTimeout(bool first) {
+  if (keepAliveTimeoutMs <= 0) return;
+  if (first) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+               "First reset of keep alive timer on TCP connection socket %s, resetting maximum "
+               "time between resets (previous max time: %dms)",
+               SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str(), maxKeepAliveTime);
+    maxKeepAliveTime = 0;
+  } else {
+    const int elapsed = keepAliveTimeoutMs + (tavrinCommon::MonotonicMs() - keepAliveTimer.getDue());
+    if (elapsed > maxKeepAliveTime) {
+      maxKeepAliveTime = elapsed;
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+                 "Reset keep alive timer on TCP connection socket %s, maximum time between resets "
+                 "increased to %dms (total bytes received: %u; sent: %u)",
+                 SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str(), maxKeepAliveTime,
+                 transceiver.getBytesReceived(), transceiver.getBytesSent());
+    }
+  }
+  startTimer(keepAliveTimeoutMs);
+}
+
+void SingleTCPConnectionEndpoint::keepAliveTimerExpired() {
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Keep alive timer expired on TCP connection socket %s, closing the connection!",
+             SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str());
+  transceiver.disconnect();
+}
+
+bool SingleTCPConnectionEndpoint::setDscp(int dscp) {
+  tavrinNetwork::TCPSocketInterface* socket = transceiver.getSocket();
+  if (!socket || !socket->valid()) return false;
+  if (socket->setDSCP(dscp)) return true;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Failed to set DSCP to %d on TCP connection socket %s, closing the connection!", dscp,
+             SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str());
+  transceiver.disconnect();
+  return false;
+}
+
+bool SingleTCPConnectionEndpoint::isMptcpEnabled() const {
+  const tavrinNetwork::TCPSocketInterface* socket = transceiver.getSocket();
+  return tavrinNetwork::TCPSocketHelper::isMptcpEnabled(socket ? socket->getFd() : -1, logging);
+}
+
+void SingleTCPConnectionEndpoint::disconnect() {
+  keepAliveTimer.stop();
+  transceiver.disconnect();
+  scheduler->removeIOItem(ioHandle);
+  receiveQueue.clear();
+  logicalConnections.clear();
+}
+
+void SingleTCPConnectionEndpoint::receiveMessage(std::unique_ptr<InputMessage>&& message) {
+  receiveQueue.push_back(std::move(message));
+  eventCallback();
+}
+
+void SingleTCPConnectionEndpoint::signalDisconnect() {
+  receiveQueue.clear();
+  eventCallback();
+}
+
+void SingleTCPConnectionEndpoint::registerSocketEvent(int fd, int events,
+                                                      TCPTransceiver::SocketCallback callback) {
+  scheduler->removeIOItem(ioHandle);
+  if (!callback) return;
+  tavrinScheduler::IOWatchItem item;
+  item.fd = fd;
+  item.events = static_cast<uint32_t>(events);
+  item.callback = std::move(callback);
+  ioHandle = scheduler->addIOItem(item, kOrigin);
+}
+
+void SingleTCPConnectionEndpoint::changeSocketEvent(int /*fd*/, int events) {
+  if (ioHandle) scheduler->modifyIOItem(ioHandle, events);
+}
+
+void SingleTCPConnectionEndpoint::dump(std::ostream& out, const char* prefix) const {
+  out << prefix << SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str() << ": ";
+  if (isConnected()) {
+    out << "connected, receive queue size: " << receiveQueue.size()
+        << ", socket fd: " << transceiver.getSocket()->getFd()
+        << ", keepAlive timeout: " << keepAliveTimeoutMs
+        << "ms, maxKeepAliveTime: " << maxKeepAliveTime
+        << "ms, total bytes received: " << transceiver.getBytesReceived()
+        << ", total bytes sent: " << transceiver.getBytesSent() << "\n";
+  } else {
+    out << "not connected\n";
+  }
+  if (logicalConnections.empty()) {
+    out << prefix << "  Logical Connections: none"
+        << (keepAliveTimer.hasFired() ? " (idleTimer expired)" : "") << "\n";
+    return;
+  }
+  out << prefix << "  Logical Connections (" << logicalConnections.size() << "):\n";
+  for (unsigned int id : logicalConnections) out << prefix << "    " << id << "\n";
+  out << prefix << "  --- (" << logicalConnections.size() << ") ---\n";
+}
+
+}  // namespace tavrinConnector

@@ -1,0 +1,85 @@
+// One TCP connection of a connector to one peer, carrying any number of logical connections.
+// Owns the transceiver (and through it the socket), the frames received but not yet fetched and
+// the one timer that closes a connection gone idle or silent; keeps the scheduler and the
+// logging object. Loop thread only (or with the loop mutex held); nothing is locked.
+#pragma once
+
+#include "tavrincommon/connector/TCPTransceiver.h"
+#include "tavrincommon/scheduler/IOWatchItem.h"
+#include "tavrincommon/scheduler/SimpleTimer.h"
+
+#include <deque>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <set>
+
+namespace tavrinScheduler {
+class Scheduler;
+}
+
+namespace tavrinConnector {
+
+class SingleTCPConnectionEndpoint {
+ public:
+  // `eventCallback` is called whenever a frame has been queued or the connection has ended.
+  // A period below 1 ms means: no such timer.
+  SingleTCPConnectionEndpoint(const tavrinNetwork::SimpleEndpoint& peer,
+                              std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket,
+                              bool connected, std::function<void()> eventCallback,
+                              tavrinScheduler::Scheduler* scheduler, int idleTimeoutMs,
+                              int keepAliveTimeoutMs, tavrinLog::TavrinLogging* logging);
+  virtual ~SingleTCPConnectionEndpoint();
+  SingleTCPConnectionEndpoint(const SingleTCPConnectionEndpoint&) = delete;
+  SingleTCPConnectionEndpoint& operator=(const SingleTCPConnectionEndpoint&) = delete;
+
+  // The oldest queued frame; empty when none is queued.
+  std::unique_ptr<InputMessage> fetchReceivedMessage();
+
+  // The first id switches the timer from idle to keep-alive.
+  void addLogicalConnection(unsigned int id);
+  // True when the last id is gone and the idle period has started.
+  bool removeLogicalConnection(unsigned int id);
+  bool hasLogicalConnection(unsigned int id) const { return logicalConnections.count(id) != 0; }
+  const std::set<unsigned int>& getLogicalConnections() const { return logicalConnections; }
+
+  // Restarts the keep-alive period; `first` also starts a new maximum of the time between resets.
+  void resetKeepAliveTimeout(bool first);
+  // A failure closes the connection.
+  bool setDscp(int dscp);
+  bool isMptcpEnabled() const;
+  void disconnect();
+  // Each line starts with `prefix`.
+  void dump(std::ostream& out, const char* prefix) const;
+
+  TCPTransceiver& getTransceiver() { return transceiver; }
+  const TCPTransceiver& getTransceiver() const { return transceiver; }
+  bool isConnected() const;
+  size_t getReceiveQueueSize() const { return receiveQueue.size(); }
+  bool isTimerArmed() const { return keepAliveTimer.isArmed(); }
+  bool hasTimerFired() const { return keepAliveTimer.hasFired(); }
+  int getMaxKeepAliveTime() const { return maxKeepAliveTime; }
+
+ private:
+  void receiveMessage(std::unique_ptr<InputMessage>&& message);
+  void signalDisconnect();
+  void registerSocketEvent(int fd, int events, TCPTransceiver::SocketCallback callback);
+  void changeSocketEvent(int fd, int events);
+  void keepAliveTimerExpired();
+  void startTimer(int periodMs);
+  void startIdlePeriod();
+
+  tavrinLog::TavrinLogging* logging;
+  tavrinScheduler::Scheduler* scheduler;
+  std::function<void()> eventCallback;
+  tavrinScheduler::IOWatchHandle ioHandle;
+  TCPTransceiver transceiver;
+  std::deque<std::unique_ptr<InputMessage>> receiveQueue;
+  std::set<unsigned int> logicalConnections;
+  int idleTimeoutMs;
+  int keepAliveTimeoutMs;
+  tavrinScheduler::SimpleTimer keepAliveTimer;
+  int maxKeepAliveTime = 0;
+};
+
+}  // namespace tavrinConnector

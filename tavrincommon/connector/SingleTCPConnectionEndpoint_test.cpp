@@ -1,0 +1,169 @@
+#include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/FakeTCPSocket.h"
+#include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/RunUntil.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <sstream>
+#include <string>
+
+namespace tavrinConnector {
+namespace {
+
+using namespace std::chrono_literals;
+using tavrinTesting::runFor;
+using tavrinTesting::runUntil;
+
+std::string frameOf(uint32_t info, const std::string& payload) {
+  OutputMessage message;
+  for (char c : payload) message.putUInt8(c);
+  message.finalizeMessage(4, info);
+  return std::string(message.getData(), message.getFrameLength());
+}
+
+class SingleTCPConnectionEndpointTest : public ::testing::Test {
+ protected:
+  void make(int idleTimeoutMs, int keepAliveTimeoutMs) {
+    auto socket = std::make_unique<tavrinTesting::FakeTCPSocket>();
+    fake = socket.get();
+    endpoint = std::make_unique<SingleTCPConnectionEndpoint>(
+        tavrinNetwork::SimpleEndpoint(tavrinNetwork::SimpleIp("127.0.0.1"), 4000),
+        std::move(socket), true, [this] { ++events; }, &scheduler, idleTimeoutMs,
+        keepAliveTimeoutMs, log.logging());
+  }
+  bool closed() const { return !endpoint->isConnected(); }
+
+  tavrinTesting::LogCapture log;
+  tavrinScheduler::Scheduler scheduler{log.logging()};
+  tavrinTesting::FakeTCPSocket* fake = nullptr;
+  int events = 0;
+  std::unique_ptr<SingleTCPConnectionEndpoint> endpoint;
+};
+
+TEST_F(SingleTCPConnectionEndpointTest, ConnectionWithoutLogicalConnectionsClosesAfterIdleTime) {
+  make(100, 5000);
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(runUntil(scheduler, [&] { return closed(); }, 3s));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 90ms);
+  EXPECT_EQ(events, 1);
+  EXPECT_TRUE(log.contains("Keep alive timer expired on TCP connection socket 127.0.0.1:4000, "
+                           "closing the connection!"));
+  std::ostringstream out;
+  endpoint->dump(out, "> ");
+  EXPECT_EQ(out.str(), "> 127.0.0.1:4000: not connected\n"
+                       ">   Logical Connections: none (idleTimer expired)\n");
+
+  // Without an idle time of its own the idle period is the keep-alive time-out.
+  make(0, 100);
+  EXPECT_TRUE(endpoint->isTimerArmed());
+  EXPECT_TRUE(runUntil(scheduler, [&] { return closed(); }, 3s));
+}
+
+TEST_F(SingleTCPConnectionEndpointTest, TrafficKeepsALogicalConnectionAliveUntilThePeerFallsSilent) {
+  make(50, 200);
+  endpoint->addLogicalConnection(1);
+  const auto end = std::chrono::steady_clock::now() + 600ms;
+  while (std::chrono::steady_clock::now() < end) {
+    fake->addChunk(frameOf(1, "ping"));
+    runFor(scheduler, 50ms);
+    ASSERT_FALSE(closed()) << log.text();
+  }
+  EXPECT_GE(endpoint->getMaxKeepAliveTime(), 40);
+  EXPECT_TRUE(log.contains("maximum time between resets increased to"));
+  ASSERT_TRUE(runUntil(scheduler, [&] { return closed(); }, 3s));
+  // Ending the logical connections is the connector's business once it has been told.
+  EXPECT_TRUE(endpoint->hasLogicalConnection(1));
+}
+
+TEST_F(SingleTCPConnectionEndpointTest, KeepAliveTimeoutZeroLeavesTheTimerStopped) {
+  make(5000, 0);
+  EXPECT_TRUE(endpoint->isTimerArmed());
+  endpoint->addLogicalConnection(1);
+  EXPECT_FALSE(endpoint->isTimerArmed());
+  fake->addChunk(frameOf(1, "data"));
+  ASSERT_TRUE(runUntil(scheduler, [&] { return endpoint->getReceiveQueueSize() == 1; }, 3s));
+  EXPECT_FALSE(endpoint->isTimerArmed());
+}
+
+TEST_F(SingleTCPConnectionEndpointTest, LastLogicalConnectionRemovedStartsTheIdlePeriod) {
+  make(100, 5000);
+  endpoint->addLogicalConnection(5);
+  endpoint->addLogicalConnection(7);
+  endpoint->addLogicalConnection(7);
+  EXPECT_TRUE(endpoint->hasLogicalConnection(7));
+  EXPECT_FALSE(endpoint->removeLogicalConnection(5));
+  runFor(scheduler, 150ms);  // keep-alive period now: the idle time has no effect
+  EXPECT_FALSE(closed());
+  EXPECT_TRUE(endpoint->removeLogicalConnection(7));
+  EXPECT_TRUE(endpoint->isTimerArmed());
+  EXPECT_TRUE(runUntil(scheduler, [&] { return closed(); }, 3s));
+}
+
+TEST_F(SingleTCPConnectionEndpointTest, FramesAreFetchedOnceAndDroppedWhenTheConnectionEnds) {
+  make(5000, 5000);
+  const std::string first = frameOf(11, "first");
+  fake->addChunk(first);
+  ASSERT_TRUE(runUntil(scheduler, [&] { return events == 1; }, 3s));
+  std::unique_ptr<InputMessage> message = endpoint->fetchReceivedMessage();
+  ASSERT_TRUE(message);
+  EXPECT_EQ(message->getAdditionalInfo(), 11u);
+  EXPECT_FALSE(endpoint->fetchReceivedMessage());
+
+  fake->addChunk(frameOf(12, "unfetched"));
+  fake->addEndOfStream();
+  ASSERT_TRUE(runUntil(scheduler, [&] { return closed(); }, 3s));
+  EXPECT_EQ(events, 3);  // the frame, then the end
+  EXPECT_FALSE(endpoint->fetchReceivedMessage());
+}
+
+TEST_F(SingleTCPConnectionEndpointTest, DscpFailureClosesTheConnection) {
+  make(5000, 5000);
+  EXPECT_TRUE(endpoint->setDscp(46));
+  EXPECT_EQ(fake->dscp, 46);
+  fake->dscpResult = false;
+  EXPECT_FALSE(endpoint->setDscp(10));
+  EXPECT_TRUE(closed());
+  EXPECT_TRUE(log.contains(
+      "Failed to set DSCP to 10 on TCP connection socket 127.0.0.1:4000, closing the connection!"));
+  EXPECT_FALSE(endpoint->setDscp(46));
+  EXPECT_FALSE(endpoint->isMptcpEnabled());
+}
+
+TEST_F(SingleTCPConnectionEndpointTest, DumpListsLogicalConnectionsInAscendingOrder) {
+  make(5000, 5000);
+  endpoint->addLogicalConnection(9);
+  endpoint->addLogicalConnection(3);
+  std::ostringstream out;
+  endpoint->dump(out, "# ");
+  EXPECT_EQ(out.str(), "# 127.0.0.1:4000: connected, receive queue size: 0, socket fd: " +
+                           std::to_string(fake->getFd()) +
+                           ", keepAlive timeout: 5000ms, maxKeepAliveTime: 0ms, total bytes "
+                           "received: 0, total bytes sent: 0\n"
+                           "#   Logical Connections (2):\n"
+                           "#     3\n"
+                           "#     9\n"
+                           "#   --- (2) ---\n");
+}
+
+TEST_F(SingleTCPConnectionEndpointTest, DisconnectClearsEverythingAndTellsTheConnectorOnce) {
+  make(5000, 5000);
+  endpoint->addLogicalConnection(4);
+  endpoint->disconnect();
+  endpoint->disconnect();
+  EXPECT_EQ(events, 1);
+  EXPECT_FALSE(endpoint->hasLogicalConnection(4));
+  EXPECT_FALSE(endpoint->isTimerArmed());
+  EXPECT_FALSE(endpoint->fetchReceivedMessage());
+  endpoint.reset();
+  EXPECT_EQ(events, 1);
+}
+
+}  // namespace
+}  // namespace tavrinConnector

@@ -1,0 +1,291 @@
+#include "tavrincommon/connector/TCPTransceiver.h"
+
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/TavrinLogging.h"
+#include "tavrincommon/network/TCPSocketInterface.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace tavrinConnector {
+
+using tavrinCommon::DefaultOrigins;
+using tavrinLog::SeverityLevel;
+using tavrinNetwork::SimpleEndpoint;
+using tavrinScheduler::IOWatchItem;
+
+namespace {
+
+constexpr int kReadable = 1;  // EPOLLIN
+constexpr int kWritable = 4;  // EPOLLOUT
+constexpr int kBoth = kReadable | kWritable;
+constexpr unsigned kFrameHeaderSize = 5;  // start delimiter and length field
+constexpr unsigned char kStartDelimiter = 0xA5;
+constexpr unsigned char kEndDelimiter = 0x5A;
+constexpr uint32_t kMinFrameLength = 11;
+constexpr int kOrigin = DefaultOrigins::TCPConnector;
+
+template <typename Function>
+Function orNothing(Function function) {
+  if (!function) function = [](auto&&...) {};
+  return function;
+}
+
+// EINTR is a signal that arrived during the call, not a broken connection: try on the next turn.
+bool isTransient(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
+
+}  // namespace
+
+TCPTransceiver::TCPTransceiver(const SimpleEndpoint& peer,
+                               std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket_,
+                               bool connected_, ReceiveCallback receiveCallback_,
+                               std::function<void()> dataReceivedCallback_,
+                               std::function<void()> disconnectedCallback_,
+                               RegisterSocketEvent registerSocketEvent_,
+                               ChangeSocketEvent changeSocketEvent_,
+                               tavrinLog::TavrinLogging* logging_)
+    : logging(logging_),
+      endpoint(peer),
+      registerSocketEvent(orNothing(std::move(registerSocketEvent_))),
+      changeSocketEvent(orNothing(std::move(changeSocketEvent_))),
+      socket(std::move(socket_)),
+      connected(connected_),
+      receiveBuffer(MessageBuffer::DEFAULT_INIT_SIZE) {
+  setCallbacks(std::move(receiveCallback_), std::move(dataReceivedCallback_),
+               std::move(disconnectedCallback_));
+  if (!socket) return;
+  registerSocketEvent(socket->getFd(), connected ? kReadable : kWritable,
+                      [this](int events) { return socketCallback(events); });
+}
+
+TCPTransceiver::~TCPTransceiver() { disconnect(); }
+
+void TCPTransceiver::setCallbacks(ReceiveCallback receiveCallback_,
+                                  std::function<void()> dataReceivedCallback_,
+                                  std::function<void()> disconnectedCallback_) {
+  receiveCallback = orNothing(std::move(receiveCallback_));
+  dataReceivedCallback = orNothing(std::move(dataReceivedCallback_));
+  disconnectedCallback = orNothing(std::move(disconnectedCallback_));
+}
+
+void TCPTransceiver::setMaxFrameLength(uint32_t maxFrameLength_) {
+  maxFrameLength = maxFrameLength_ < kMinFrameLength ? kMinFrameLength : maxFrameLength_;
+}
+
+int TCPTransceiver::currentEvents() const { return outputEventEnabled ? kBoth : kReadable; }
+
+IOWatchItem::Result TCPTransceiver::socketCallback(int events) {
+  if (connected) {
+    if ((events & kReadable) && !inputReady()) {
+      disconnect();
+      return IOWatchItem::Removed;
+    }
+    if (!(events & kWritable)) return currentEvents();
+  } else {
+    if (!(events & kWritable)) return kWritable;
+    if (!finalizeConnection()) {
+      disconnect();
+      return IOWatchItem::Removed;
+    }
+    if ((events & kReadable) && !inputReady()) {
+      disconnect();
+      return IOWatchItem::Removed;
+    }
+  }
+  if (!send()) {
+    disconnect();
+    return IOWatchItem::Removed;
+  }
+  return currentEvents();
+}
+
+bool TCPTransceiver::finalizeConnection() {
+  // The socket names the pending error in its own log line; errno carries it only if the
+  // implementation leaves it there.
+  errno = 0;
+  if (socket->hasError()) {
+    const int error = errno;
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+               "Failed to finalize TCP connection socket %s (%d (%s)), aborting the connection!",
+               SimpleEndpoint::CharString(endpoint).c_str(), error, std::strerror(error));
+    return false;
+  }
+  connected = true;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Connected endpoint %s",
+             SimpleEndpoint::CharString(endpoint).c_str());
+  return true;
+}
+
+bool TCPTransceiver::inputReady() {
+  for (;;) {
+    const int r = socket->receive(readChunk, kReadChunkSize);
+    if (r < 0) {
+      const int error = errno;
+      if (isTransient(error)) return true;
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                 "Failed to receive data on TCP connection socket %s (%d (%s)), closing the "
+                 "connection!",
+                 SimpleEndpoint::CharString(endpoint).c_str(), error, std::strerror(error));
+      return false;
+    }
+    if (r == 0) {
+      // The peer has shut its side down. A socket at end of stream stays readable, so keeping it
+      // would make the loop call us on every turn: the connection ends here.
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+                 "TCP connection socket %s closed by the peer",
+                 SimpleEndpoint::CharString(endpoint).c_str());
+      return false;
+    }
+    if (!parsePacket(readChunk, r)) return false;
+    bytesReceived += static_cast<uint32_t>(r);
+    dataReceivedCallback();
+    // A callback may have closed the connection.
+    if (!socket->valid()) return false;
+    if (r != kReadChunkSize) return true;
+  }
+}
+
+bool TCPTransceiver::extractPacketLength(const char* data, int available, int needed,
+                                         unsigned& length) {
+  if (available < needed) {
+    receiveBuffer.write(data, static_cast<unsigned>(available));
+    waitingForHeader = true;
+    return false;
+  }
+  receiveBuffer.write(data, static_cast<unsigned>(needed));
+  receiveBuffer.setOffset(1);
+  length = InputMessage::getUInt32(receiveBuffer);
+  waitingForHeader = false;
+  return true;
+}
+
+bool TCPTransceiver::parsePacket(const char* data, int length) {
+  unsigned n = static_cast<unsigned>(length);
+  while (n > 0) {
+    if (receiveBuffer.getDataLength() == 0 || waitingForHeader) {
+      const unsigned held = receiveBuffer.getDataLength();
+      if (held == 0 && static_cast<unsigned char>(*data) != kStartDelimiter) {
+        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                   "Failed to receive message on TCP connection socket %s: Start delimiter "
+                   "missing, closing the connection!",
+                   SimpleEndpoint::CharString(endpoint).c_str());
+        return false;
+      }
+      const unsigned needed = kFrameHeaderSize - held;
+      if (!extractPacketLength(data, static_cast<int>(n), static_cast<int>(needed),
+                               remainingBytes))
+        return true;
+      data += needed;
+      n -= needed;
+      // Checked before anything is allocated for the frame: a peer's length field alone must
+      // not make the buffer grow without bound.
+      if (static_cast<uint64_t>(remainingBytes) + kFrameHeaderSize > maxFrameLength) {
+        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                   "Failed to receive message on TCP connection socket %s: Length %u exceeds the "
+                   "maximum frame length of %u bytes, closing the connection!",
+                   SimpleEndpoint::CharString(endpoint).c_str(), remainingBytes, maxFrameLength);
+        return false;
+      }
+      // Room for the whole frame at once, so that a large frame is copied only once.
+      receiveBuffer.ensureBufferSpace(remainingBytes);
+    }
+    if (remainingBytes > n) {
+      receiveBuffer.write(data, n);
+      remainingBytes -= n;
+      return true;
+    }
+    receiveBuffer.write(data, remainingBytes);
+    data += remainingBytes;
+    n -= remainingBytes;
+    remainingBytes = 0;
+    receiveBuffer.moveOffset(-1);
+    if (InputMessage::getUInt8(receiveBuffer) != kEndDelimiter) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                 "Failed to receive message on TCP connection socket %s: End delimiter missing, "
+                 "closing the connection!",
+                 SimpleEndpoint::CharString(endpoint).c_str());
+      return false;
+    }
+    auto message = std::make_unique<InputMessage>(std::move(receiveBuffer), true);
+    receiveBuffer.reset(MessageBuffer::DEFAULT_INIT_SIZE);
+    if (!message->isValid()) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                 "Failed to receive message on TCP connection socket %s: validity check failed, "
+                 "closing the connection!",
+                 SimpleEndpoint::CharString(endpoint).c_str());
+      return false;
+    }
+    receiveCallback(std::move(message));
+    if (!socket->valid()) return false;
+  }
+  return true;
+}
+
+void TCPTransceiver::send(std::unique_ptr<OutputMessage>&& message) {
+  if (!message || !socket || !socket->valid() || !message->isFinalized()) return;
+  sendQueue.push_back(std::move(message));
+  if (sendQueue.size() > 1 || !connected) return;
+  sendOffset = 0;
+  if (!send()) disconnect();
+}
+
+bool TCPTransceiver::send() {
+  while (!sendQueue.empty()) {
+    const OutputMessage& front = *sendQueue.front();
+    const unsigned k = front.getFrameLength() - sendOffset;
+    int r = socket->send(front.getData() + sendOffset, static_cast<int>(k));
+    if (r < 0) {
+      const int error = errno;
+      if (!isTransient(error)) {
+        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                   "Failed to send data (%u bytes) on TCP connection socket %s (%d (%s)), closing "
+                   "the connection!",
+                   k, SimpleEndpoint::CharString(endpoint).c_str(), error, std::strerror(error));
+        return false;
+      }
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                 "Failed to send data (%u bytes) on TCP connection socket %s (%d (%s)), retrying "
+                 "later!",
+                 k, SimpleEndpoint::CharString(endpoint).c_str(), error, std::strerror(error));
+      r = 0;
+    }
+    const unsigned written = static_cast<unsigned>(r) < k ? static_cast<unsigned>(r) : k;
+    bytesSent += written;
+    if (written < k) {
+      sendOffset += written;
+      setSocketOutputEventEnable(true);
+      return true;
+    }
+    sendQueue.pop_front();
+    sendOffset = 0;
+  }
+  setSocketOutputEventEnable(false);
+  return true;
+}
+
+void TCPTransceiver::setSocketOutputEventEnable(bool on) {
+  if (outputEventEnabled == on) return;
+  outputEventEnabled = on;
+  changeSocketEvent(socket->getFd(), on ? kBoth : kReadable);
+}
+
+void TCPTransceiver::disconnect() {
+  receiveBuffer.clear();
+  waitingForHeader = false;
+  remainingBytes = 0;
+  sendQueue.clear();
+  sendOffset = 0;
+  connected = false;
+  if (!socket || !socket->valid()) return;
+  registerSocketEvent(socket->getFd(), 0, SocketCallback());
+  outputEventEnabled = false;
+  socket->close();
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Disconnecting endpoint %s...",
+             SimpleEndpoint::CharString(endpoint).c_str());
+  disconnectedCallback();
+}
+
+}  // namespace tavrinConnector

@@ -1,0 +1,105 @@
+// Moves connector frames over one TCP socket: cuts the received stream into frames, verifies and
+// delivers each in stream order, queues outgoing frames and writes them across partial writes,
+// finishes a non-blocking connect, and tears the connection down on the first error. Owns the
+// socket and the queued messages; keeps the logging object. Loop thread only; nothing is locked.
+#pragma once
+
+#include "tavrincommon/connector/MessageBuffer.h"
+#include "tavrincommon/network/SimpleEndpoint.h"
+#include "tavrincommon/scheduler/IOWatchItem.h"
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+
+namespace tavrinLog {
+class TavrinLogging;
+}
+namespace tavrinNetwork {
+class TCPSocketInterface;
+}
+
+namespace tavrinConnector {
+
+class InputMessage;
+class OutputMessage;
+
+class TCPTransceiver {
+ public:
+  using ReceiveCallback = std::function<void(std::unique_ptr<InputMessage>&&)>;
+  using SocketCallback = std::function<tavrinScheduler::IOWatchItem::Result(int)>;
+  // An empty callback means that the socket is no longer to be watched.
+  using RegisterSocketEvent = std::function<void(int fd, int events, SocketCallback callback)>;
+  using ChangeSocketEvent = std::function<void(int fd, int events)>;
+
+  static constexpr int kReadChunkSize = 2048;
+  // Whole frames (header and delimiters included) above this size close the connection. The
+  // largest frames this system sends are an announcement picture (at most 61440 bytes of payload)
+  // and a simple-connector block (64 KiB plus its header); 1 MiB leaves room for applications
+  // with larger messages of their own, which can raise it per connection.
+  static constexpr uint32_t kDefaultMaxFrameLength = 1024 * 1024;
+
+  // `connected`: false while a non-blocking connect is pending. Registers the socket at once.
+  TCPTransceiver(const tavrinNetwork::SimpleEndpoint& peer,
+                 std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket, bool connected,
+                 ReceiveCallback receiveCallback, std::function<void()> dataReceivedCallback,
+                 std::function<void()> disconnectedCallback, RegisterSocketEvent registerSocketEvent,
+                 ChangeSocketEvent changeSocketEvent, tavrinLog::TavrinLogging* logging);
+  virtual ~TCPTransceiver();
+  TCPTransceiver(const TCPTransceiver&) = delete;
+  TCPTransceiver& operator=(const TCPTransceiver&) = delete;
+
+  // Empty functions become ones that do nothing.
+  void setCallbacks(ReceiveCallback receiveCallback, std::function<void()> dataReceivedCallback,
+                    std::function<void()> disconnectedCallback);
+  // Queues a finalized message and writes what the socket takes; anything else is dropped.
+  void send(std::unique_ptr<OutputMessage>&& message);
+  // Closes the socket, drops queued and partial frames, calls disconnectedCallback (only the
+  // first time, and only if the socket was open).
+  void disconnect();
+  // The function registered with the event loop.
+  tavrinScheduler::IOWatchItem::Result socketCallback(int events);
+
+  // At least the smallest frame (11 bytes); applies from the next frame header on.
+  void setMaxFrameLength(uint32_t maxFrameLength_);
+  uint32_t getMaxFrameLength() const { return maxFrameLength; }
+
+  const tavrinNetwork::SimpleEndpoint& getEndpoint() const { return endpoint; }
+  tavrinNetwork::TCPSocketInterface* getSocket() const { return socket.get(); }
+  bool isConnected() const { return connected; }
+  size_t getSendQueueSize() const { return sendQueue.size(); }
+  uint32_t getBytesSent() const { return bytesSent; }
+  uint32_t getBytesReceived() const { return bytesReceived; }
+
+ private:
+  bool finalizeConnection();
+  bool inputReady();
+  bool parsePacket(const char* data, int length);
+  bool extractPacketLength(const char* data, int available, int needed, unsigned& length);
+  bool send();
+  void setSocketOutputEventEnable(bool on);
+  int currentEvents() const;
+
+  tavrinLog::TavrinLogging* logging;
+  tavrinNetwork::SimpleEndpoint endpoint;
+  ReceiveCallback receiveCallback;
+  std::function<void()> dataReceivedCallback;
+  std::function<void()> disconnectedCallback;
+  RegisterSocketEvent registerSocketEvent;
+  ChangeSocketEvent changeSocketEvent;
+  std::unique_ptr<tavrinNetwork::TCPSocketInterface> socket;
+  bool connected;
+  char readChunk[kReadChunkSize];
+  MessageBuffer receiveBuffer;
+  bool waitingForHeader = false;
+  uint32_t remainingBytes = 0;
+  bool outputEventEnabled = false;
+  std::deque<std::unique_ptr<OutputMessage>> sendQueue;
+  uint32_t sendOffset = 0;
+  uint32_t bytesSent = 0;
+  uint32_t bytesReceived = 0;
+  uint32_t maxFrameLength = kDefaultMaxFrameLength;
+};
+
+}  // namespace tavrinConnector

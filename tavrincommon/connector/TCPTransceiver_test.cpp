@@ -1,0 +1,294 @@
+#include "tavrincommon/connector/TCPTransceiver.h"
+
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/testing/FakeTCPSocket.h"
+#include "tavrincommon/testing/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tavrinConnector {
+namespace {
+
+using tavrinScheduler::IOWatchItem;
+
+constexpr int kIn = 1;
+constexpr int kOut = 4;
+
+std::string frameOf(uint8_t type, uint32_t info, const std::string& payload) {
+  OutputMessage message(static_cast<unsigned>(payload.size()));
+  for (char c : payload) message.putUInt8(c);
+  message.finalizeMessage(type, info);
+  return std::string(message.getData(), message.getFrameLength());
+}
+
+std::unique_ptr<OutputMessage> messageOf(const std::string& payload) {
+  auto message = std::make_unique<OutputMessage>();
+  for (char c : payload) message->putUInt8(c);
+  message->finalizeMessage(4, 1);
+  return message;
+}
+
+class TCPTransceiverTest : public ::testing::Test {
+ protected:
+  struct Registration {
+    int fd;
+    int events;
+    bool watched;
+  };
+
+  void make(bool connected) {
+    transceiver.reset();
+    registrations.clear();
+    received.clear();
+    changes.clear();
+    dataReceived = disconnected = 0;
+    log.clear();
+    auto socket = std::make_unique<tavrinTesting::FakeTCPSocket>();
+    fake = socket.get();
+    fd = fake->getFd();
+    transceiver = std::make_unique<TCPTransceiver>(
+        tavrinNetwork::SimpleEndpoint(tavrinNetwork::SimpleIp("127.0.0.1"), 4000),
+        std::move(socket), connected,
+        [this](std::unique_ptr<InputMessage>&& message) {
+          received.push_back(std::string(message->buffer.getData(),
+                                         message->buffer.getDataLength()));
+          EXPECT_TRUE(message->isValid());
+          if (disconnectOnReceive) transceiver->disconnect();
+        },
+        [this] { ++dataReceived; }, [this] { ++disconnected; },
+        [this](int fd_, int events, TCPTransceiver::SocketCallback callback) {
+          registrations.push_back({fd_, events, static_cast<bool>(callback)});
+        },
+        [this](int, int events) { changes.push_back(events); }, log.logging());
+  }
+
+  // Reads as the loop would while the socket is readable.
+  IOWatchItem::Result readable() { return transceiver->socketCallback(kIn); }
+
+  void expectClosedOnceWith(const std::string& logFragment) {
+    EXPECT_EQ(disconnected, 1);
+    EXPECT_FALSE(fake->valid());
+    ASSERT_FALSE(registrations.empty());
+    EXPECT_FALSE(registrations.back().watched);
+    EXPECT_TRUE(log.contains(logFragment)) << log.text();
+  }
+
+  tavrinTesting::LogCapture log;
+  tavrinTesting::FakeTCPSocket* fake = nullptr;
+  int fd = -1;
+  std::vector<std::string> received;
+  std::vector<Registration> registrations;
+  std::vector<int> changes;
+  int dataReceived = 0;
+  int disconnected = 0;
+  bool disconnectOnReceive = false;
+  // Last: its destructor still reports to the members above.
+  std::unique_ptr<TCPTransceiver> transceiver;
+};
+
+TEST_F(TCPTransceiverTest, FrameArrivingOneBytePerReadIsDeliveredOnceAfterItsLastByte) {
+  make(true);
+  ASSERT_EQ(registrations.size(), 1u);
+  EXPECT_EQ(registrations[0].fd, fd);
+  EXPECT_EQ(registrations[0].events, kIn);
+  const std::string frame = frameOf(4, 7, "payload");
+  fake->addChunks(frame, 1);
+  for (size_t i = 0; i + 1 < frame.size(); ++i) {
+    EXPECT_EQ(readable(), kIn);
+    ASSERT_TRUE(received.empty()) << "delivered after byte " << i;
+  }
+  readable();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0], frame);
+  EXPECT_EQ(dataReceived, static_cast<int>(frame.size()));
+  EXPECT_EQ(transceiver->getBytesReceived(), frame.size());
+}
+
+TEST_F(TCPTransceiverTest, DeliversEveryFrameOfAReadInOrderAndKeepsTheRest) {
+  make(true);
+  const std::string a = frameOf(4, 1, "a"), b = frameOf(4, 2, ""), c = frameOf(9, 3, "ccc");
+  const std::string d = frameOf(4, 4, "dddddddd");
+  fake->addChunk(a + b + c + d.substr(0, 7));
+  readable();
+  EXPECT_EQ(received, (std::vector<std::string>{a, b, c}));
+  EXPECT_EQ(dataReceived, 1);
+  fake->addChunk(d.substr(7));
+  readable();
+  ASSERT_EQ(received.size(), 4u);
+  EXPECT_EQ(received[3], d);
+}
+
+TEST_F(TCPTransceiverTest, CompletesHeaderSplitAfterThreeBytes) {
+  make(true);
+  const std::string frame = frameOf(2, 0, "xy");
+  fake->addChunk(frame.substr(0, 3));
+  readable();
+  fake->addChunk(frame.substr(3, 4));
+  readable();
+  EXPECT_TRUE(received.empty());
+  fake->addChunk(frame.substr(7));
+  readable();
+  EXPECT_EQ(received, std::vector<std::string>{frame});
+}
+
+TEST_F(TCPTransceiverTest, LargeFrameAcrossManyReadsIsDeliveredIntact) {
+  make(true);
+  std::string payload(65536 + 16, '\0');
+  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 7);
+  const std::string frame = frameOf(4, 5, payload);
+  fake->addChunk(frame);
+  // Full reads are repeated within one callback: the whole frame arrives in one wake-up.
+  readable();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0], frame);
+}
+
+TEST_F(TCPTransceiverTest, FramingErrorsCloseTheConnectionBeforeDelivery) {
+  std::string badEnd = frameOf(4, 0, "abc");
+  badEnd.back() = 0x00;
+  // Length 3 is shorter than any frame: the 8 bytes it describes end in 0x5A but do not verify.
+  const std::string shortLength("\xA5\x03\x00\x00\x00\x01\x02\x5A", 8);
+  const std::string hugeLength("\xA5\xFF\xFF\xFF\x7F\x04", 6);
+  const struct {
+    std::string stream;
+    std::string log;
+  } cases[] = {
+      {"\x5A" + frameOf(4, 0, ""), "Start delimiter missing, closing the connection!"},
+      {badEnd, "End delimiter missing, closing the connection!"},
+      {shortLength, "validity check failed, closing the connection!"},
+      {hugeLength, "Length 2147483647 exceeds the maximum frame length of 1048576 bytes"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.log);
+    make(true);
+    fake->addChunk(c.stream);
+    EXPECT_EQ(readable(), IOWatchItem::Removed);
+    EXPECT_TRUE(received.empty());
+    expectClosedOnceWith(c.log);
+  }
+}
+
+TEST_F(TCPTransceiverTest, MaximumFrameLengthIsSettablePerConnection) {
+  make(true);
+  transceiver->setMaxFrameLength(20);
+  const std::string fits = frameOf(4, 0, std::string(9, 'a'));  // 20 bytes
+  fake->addChunk(fits);
+  readable();
+  EXPECT_EQ(received.size(), 1u);
+  fake->addChunk(frameOf(4, 0, std::string(10, 'a')));
+  EXPECT_EQ(readable(), IOWatchItem::Removed);
+  EXPECT_EQ(received.size(), 1u);
+  expectClosedOnceWith("Length 16 exceeds the maximum frame length of 20 bytes");
+  transceiver->setMaxFrameLength(3);
+  EXPECT_EQ(transceiver->getMaxFrameLength(), 11u);
+}
+
+TEST_F(TCPTransceiverTest, ReadErrorsAndEndOfStreamCloseButEagainDoesNot) {
+  make(true);
+  fake->addReceiveError(EAGAIN);
+  EXPECT_EQ(readable(), kIn);
+  EXPECT_EQ(disconnected, 0);
+  fake->addReceiveError(ECONNRESET);
+  EXPECT_EQ(readable(), IOWatchItem::Removed);
+  expectClosedOnceWith("Failed to receive data on TCP connection socket 127.0.0.1:4000 (104 (");
+
+  make(true);
+  fake->addChunk(frameOf(4, 0, "z"));
+  fake->addEndOfStream();
+  readable();  // the frame; its read was short, so the end of stream waits for the next wake-up
+  EXPECT_EQ(received.size(), 1u);
+  EXPECT_EQ(readable(), IOWatchItem::Removed);
+  EXPECT_EQ(disconnected, 1);
+  EXPECT_EQ(fake->receiveCalls, 2);
+}
+
+TEST_F(TCPTransceiverTest, PartialWritesAndEagainWaitForTheWritableEvent) {
+  make(true);
+  const std::string first = frameOf(4, 1, "first"), second = frameOf(4, 1, "second");
+  fake->addSendLimit(4);
+  transceiver->send(messageOf("first"));
+  EXPECT_EQ(fake->written, first.substr(0, 4));
+  EXPECT_EQ(changes, std::vector<int>{kIn | kOut});
+  fake->addSendLimit(0);  // EAGAIN on the next attempt
+  transceiver->send(messageOf("second"));
+  EXPECT_EQ(fake->sendCalls, 1);  // queued behind the pending frame, not written yet
+  EXPECT_EQ(transceiver->socketCallback(kOut), kIn | kOut);
+  EXPECT_TRUE(log.contains("Failed to send data (12 bytes) on TCP connection socket "
+                           "127.0.0.1:4000 (11 (Resource temporarily unavailable)), retrying "
+                           "later!"))
+      << log.text();
+  EXPECT_EQ(transceiver->socketCallback(kOut), kIn);
+  EXPECT_EQ(fake->written, first + second);
+  EXPECT_EQ(changes, (std::vector<int>{kIn | kOut, kIn}));
+  EXPECT_EQ(transceiver->getBytesSent(), first.size() + second.size());
+  EXPECT_EQ(transceiver->getSendQueueSize(), 0u);
+  EXPECT_EQ(disconnected, 0);
+}
+
+TEST_F(TCPTransceiverTest, SendErrorClosesAndUnfinalizedOrLateMessagesAreDropped) {
+  make(true);
+  auto unfinished = std::make_unique<OutputMessage>();
+  transceiver->send(std::move(unfinished));
+  EXPECT_EQ(fake->sendCalls, 0);
+  EXPECT_EQ(transceiver->getSendQueueSize(), 0u);
+
+  fake->addSendError(EPIPE);
+  transceiver->send(messageOf("x"));
+  expectClosedOnceWith("Failed to send data (12 bytes) on TCP connection socket 127.0.0.1:4000 "
+                       "(32 (Broken pipe)), closing the connection!");
+  transceiver->send(messageOf("y"));
+  EXPECT_EQ(fake->sendCalls, 1);
+  EXPECT_EQ(transceiver->getSendQueueSize(), 0u);
+}
+
+TEST_F(TCPTransceiverTest, MessageSentWhileConnectingIsWrittenOnceConnected) {
+  make(false);
+  ASSERT_EQ(registrations.size(), 1u);
+  EXPECT_EQ(registrations[0].events, kOut);
+  transceiver->send(messageOf("early"));
+  EXPECT_EQ(fake->sendCalls, 0);
+  EXPECT_EQ(transceiver->socketCallback(kIn), kOut);  // not writable yet: keep waiting
+  EXPECT_FALSE(transceiver->isConnected());
+  EXPECT_EQ(transceiver->socketCallback(kOut), kIn);
+  EXPECT_TRUE(transceiver->isConnected());
+  EXPECT_EQ(fake->written, frameOf(4, 1, "early"));
+  EXPECT_TRUE(log.contains("Connected endpoint 127.0.0.1:4000"));
+
+  make(false);
+  fake->pendingError = true;
+  EXPECT_EQ(transceiver->socketCallback(kOut), IOWatchItem::Removed);
+  expectClosedOnceWith("Failed to finalize TCP connection socket 127.0.0.1:4000");
+}
+
+TEST_F(TCPTransceiverTest, DisconnectTwiceTellsTheOwnerOnce) {
+  make(true);
+  fake->addSendLimit(1);
+  transceiver->send(messageOf("queued"));
+  transceiver->disconnect();
+  transceiver->disconnect();
+  EXPECT_EQ(disconnected, 1);
+  EXPECT_EQ(fake->closeCalls, 1);
+  EXPECT_EQ(transceiver->getSendQueueSize(), 0u);
+  EXPECT_TRUE(log.contains("Disconnecting endpoint 127.0.0.1:4000..."));
+  transceiver.reset();
+  EXPECT_EQ(disconnected, 1);
+}
+
+TEST_F(TCPTransceiverTest, OwnerClosingDuringDeliveryStopsTheRead) {
+  make(true);
+  disconnectOnReceive = true;
+  fake->addChunk(frameOf(4, 1, "a") + frameOf(4, 2, "b"));
+  EXPECT_EQ(readable(), IOWatchItem::Removed);
+  EXPECT_EQ(received.size(), 1u);
+  EXPECT_EQ(disconnected, 1);
+  EXPECT_EQ(dataReceived, 0);
+}
+
+}  // namespace
+}  // namespace tavrinConnector

@@ -51,6 +51,11 @@
 #include "tavrincommon/network/UDPSocketInterface.h"
 
 // tavrinConnector
+#include "tavrincommon/connector/ConnectionHandlerType.h"
+#include "tavrincommon/connector/ConnectorInterfaceType.h"
+#include "tavrincommon/connector/DisconnectReason.h"
+#include "tavrincommon/connector/ErrorType.h"
+#include "tavrincommon/connector/TavrinConnectorMessageType.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/MessageBuffer.h"
 #include "tavrincommon/connector/OutputMessage.h"

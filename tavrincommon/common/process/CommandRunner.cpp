@@ -97,10 +97,12 @@ CommandRunner::~CommandRunner() {
 void CommandRunner::startWatch(const std::function<void(int)>& finishedCallback) {
   const int pidfd = process.pidfd();
   if (scheduler && pidfd >= 0) {
+    std::function<void(int)> callback =
+        finishedCallback ? finishedCallback : std::function<void(int)>([](int) {});
     IOWatchItem item;
     item.fd = pidfd;
     item.events = EPOLLIN;
-    item.callback = [this, finishedCallback](int) { return handleEpollCallback(finishedCallback); };
+    item.callback = [this, callback](int) { return handleEpollCallback(callback); };
     watchHandle = scheduler->addIOItem(item, origin);
     return;
   }

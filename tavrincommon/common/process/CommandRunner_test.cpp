@@ -100,6 +100,14 @@ TEST_F(CommandRunnerTest, ExitStatusReachesTheLoopThreadOnce) {
   EXPECT_FALSE(runner->running());
   runner.reset();
   EXPECT_FALSE(log->contains("still running at CommandRunner cleanup")) << log->text();
+
+  // An empty callback is allowed: the status is then simply not reported.
+  runner = CommandRunner::start(kOrigin, &scheduler, nullptr, "/bin/sh", {"-c", "exit 0"},
+                                std::nullopt, std::nullopt, std::nullopt);
+  ASSERT_TRUE(runner);
+  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return !runner->running(); }));
+  tavrinTesting::runFor(scheduler, milliseconds(30));  // the watch or the hand-over fires
+  EXPECT_FALSE(runner->isRunning());
 }
 
 TEST_F(CommandRunnerTest, KilledChildReportsTheSignal) {

@@ -3,9 +3,6 @@
 #include "tavrincommon/testing/GlobalLogCapture.h"
 
 #include <cerrno>
-#include <algorithm>
-#include <cstring>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -20,37 +17,6 @@ class CommandTest : public ::testing::Test {
  protected:
   tavrinTesting::GlobalLogCapture log;
 };
-
-TEST_F(CommandTest, ArgumentVectorStartsWithTheProgramAndEndsWithNull) {
-  Command command("/bin/echo");
-  command.args({"a", "b c"});
-  std::vector<char*> argp = command.prepareArgp();
-  ASSERT_EQ(argp.size(), 4u);
-  EXPECT_STREQ(argp[0], "/bin/echo");
-  EXPECT_STREQ(argp[1], "a");
-  EXPECT_STREQ(argp[2], "b c");
-  EXPECT_EQ(argp[3], nullptr);
-}
-
-TEST_F(CommandTest, EnvironmentIsTheMapOrACopyOfTheParents) {
-  Command command(std::string("/usr/bin/env"));
-  std::vector<std::string> storage;
-  std::vector<char*> inherited = command.prepareEnvp(storage);
-  size_t parentCount = 0;
-  while (environ[parentCount]) ++parentCount;
-  ASSERT_EQ(inherited.size(), parentCount + 1);
-  for (size_t i = 0; i < parentCount; ++i) EXPECT_STREQ(inherited[i], environ[i]);
-  EXPECT_EQ(inherited.back(), nullptr);
-
-  command.env({{"A", "1"}, {"PATH", "/nowhere"}});
-  std::vector<std::string> ownStorage;
-  std::vector<char*> own = command.prepareEnvp(ownStorage);
-  ASSERT_EQ(own.size(), 3u);
-  EXPECT_EQ(own[2], nullptr);
-  std::vector<std::string> texts{own[0], own[1]};
-  std::sort(texts.begin(), texts.end());
-  EXPECT_EQ(texts, (std::vector<std::string>{"A=1", "PATH=/nowhere"}));
-}
 
 TEST_F(CommandTest, ReplacingADescriptorSettingClosesTheDescriptor) {
   int fd = ::open(Command::DEV_NULL, O_RDONLY | O_CLOEXEC);

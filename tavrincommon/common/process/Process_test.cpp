@@ -244,30 +244,6 @@ TEST_F(ProcessTest, StreamsGoToGivenDescriptorsOrTheNullDevice) {
       "descriptor."));
 }
 
-TEST_F(ProcessTest, SpawnOfAMissingProgramFails) {
-  errno = 0;
-  EXPECT_FALSE(Command("/nonexistent/program").spawn());
-  EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(ProcessTest, EpollTimeoutFollowsTheLimitOnlyWithAPidfd) {
-  std::optional<Process> child = shell("exit 0").spawn();
-  ASSERT_TRUE(child);
-  const auto start = Clock::now();
-  EXPECT_EQ(child->getEpollTimeout(std::nullopt, start), milliseconds(20));
-  const milliseconds bounded = child->getEpollTimeout(milliseconds(5000), start);
-  if (kPidfd) {
-    EXPECT_GT(bounded, milliseconds(4000));
-    EXPECT_LE(bounded, milliseconds(5000));
-    EXPECT_EQ(child->getEpollTimeout(milliseconds(10), start - std::chrono::seconds(1)),
-              milliseconds(0));
-  } else {
-    EXPECT_EQ(bounded, milliseconds(20));
-  }
-  EXPECT_EQ(Process::convertForEpollWait(milliseconds(int64_t{1} << 40)), 2147483647);
-  EXPECT_EQ(child->wait(std::nullopt), 0);
-}
-
 }  // namespace
 }  // namespace process
 }  // namespace tavrinCommon

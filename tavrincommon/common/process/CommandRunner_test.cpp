@@ -110,14 +110,17 @@ TEST_F(CommandRunnerTest, ExitStatusReachesTheLoopThreadOnce) {
   EXPECT_FALSE(runner->isRunning());
 }
 
-TEST_F(CommandRunnerTest, KilledChildReportsTheSignal) {
-  std::unique_ptr<CommandRunner> runner = startShell("exec sleep 10");
-  ASSERT_TRUE(runner);
-  EXPECT_TRUE(runner->running());
-  EXPECT_TRUE(runner->kill(true));
-  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return calls > 0; }));
-  EXPECT_EQ(lastStatus, SIGKILL);
-  EXPECT_FALSE(runner->running());
+TEST_F(CommandRunnerTest, KillSendsSigtermOrWithForceSigkill) {
+  for (bool force : {false, true}) {
+    std::unique_ptr<CommandRunner> runner = startShell("exec sleep 10");
+    ASSERT_TRUE(runner);
+    EXPECT_TRUE(runner->running());
+    EXPECT_TRUE(runner->kill(force));
+    ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return !runner->running() && calls > 0; }));
+    EXPECT_EQ(lastStatus, force ? SIGKILL : SIGTERM);
+    calls = 0;
+  }
+  EXPECT_FALSE(log->contains("still running at CommandRunner cleanup"));
 }
 
 TEST_F(CommandRunnerTest, RedirectsStreamsToFiles) {
@@ -179,21 +182,6 @@ TEST_F(CommandRunnerTest, DestructionWhileRunningTermsThenKillsAndReaps) {
   EXPECT_TRUE(log->contains("is still running at CommandRunner cleanup. Sending SIGKILL."))
       << log->text();
   tavrinTesting::runFor(scheduler, milliseconds(30));
-  EXPECT_EQ(calls, 0);
-}
-
-TEST_F(CommandRunnerTest, SigtermAloneEndsACooperativeChild) {
-  std::unique_ptr<CommandRunner> runner = startShell("exec sleep 10");
-  ASSERT_TRUE(runner);
-  if (kPidfd) {
-    EXPECT_FALSE(runner->tryKillWithSigTerm());
-    EXPECT_FALSE(runner->running());
-    runner.reset();
-    EXPECT_FALSE(log->contains("Sending SIGKILL."));
-  } else {
-    runner.reset();
-    EXPECT_TRUE(log->contains("Sending SIGKILL."));
-  }
   EXPECT_EQ(calls, 0);
 }
 

@@ -49,6 +49,11 @@ TEST_F(CommandTest, SetupFailureClosesWhatWasAlreadyCreated) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_F(CommandTest, AnUnknownStdioValueIsAProgrammingError) {
+  EXPECT_EQ(Command::StdioData::toType(Stdio::Piped), Command::StdioType::Piped);
+  EXPECT_DEATH(Command::StdioData::toType(static_cast<Stdio>(7)), "");
+}
+
 }  // namespace
 }  // namespace process
 }  // namespace tavrinCommon

@@ -19,7 +19,8 @@ TaskResultThread<T>::TaskResultThread(int origin, tavrinScheduler::Scheduler* sc
     : finished(doNothing<T>()), scheduler(scheduler_) {
   if (scheduler) {
     worker = std::make_unique<tavrinScheduler::SimpleWorker>(scheduler, origin);
-    worker->setFunction([this] { return static_cast<tavrinScheduler::Worker::Result>(handOver()); });
+    worker->setFunction(
+        [this] { return static_cast<tavrinScheduler::Worker::Result>(handOver()); });
   }
 }
 

@@ -9,7 +9,8 @@ namespace tavrinTesting {
 
 class GlobalLogCapture {
  public:
-  explicit GlobalLogCapture(tavrinLog::SeverityLevel::Type level = tavrinLog::SeverityLevel::Maximum)
+  explicit GlobalLogCapture(
+      tavrinLog::SeverityLevel::Type level = tavrinLog::SeverityLevel::Maximum)
       : capture(level) {
     tavrinLog::initGlobalLogging(
         level,

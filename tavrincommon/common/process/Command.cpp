@@ -22,8 +22,8 @@ extern char** environ;
 namespace tavrinCommon {
 namespace process {
 
-using tavrinLog::SeverityLevel;
 using tavrinLog::globalLogging;
+using tavrinLog::SeverityLevel;
 
 namespace {
 
@@ -164,8 +164,7 @@ Command::FdInfo Command::PosixSpawnFileActions::makeFdInfo(posix_spawn_file_acti
 }
 
 Command::FdInfo Command::PosixSpawnFileActions::setupFd(posix_spawn_file_actions_t* actions,
-                                                        StdioData& stdio, int childFd,
-                                                        bool input) {
+                                                        StdioData& stdio, int childFd, bool input) {
   switch (stdio.type) {
     case StdioType::Inherit:
       return FdInfo();
@@ -264,7 +263,8 @@ std::vector<char*> Command::prepareEnvp(std::vector<std::string>& storage) const
     size_t count = 0;
     for (char** variable = environ; variable && *variable; ++variable) ++count;
     storage.reserve(storage.size() + count);
-    for (char** variable = environ; variable && *variable; ++variable) storage.emplace_back(*variable);
+    for (char** variable = environ; variable && *variable; ++variable)
+      storage.emplace_back(*variable);
   }
   envp.reserve(storage.size() + 1);
   for (std::string& variable : storage) envp.push_back(&variable[0]);

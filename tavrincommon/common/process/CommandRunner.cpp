@@ -14,15 +14,15 @@
 
 namespace tavrinCommon {
 
-using tavrinLog::SeverityLevel;
 using tavrinLog::globalLogging;
+using tavrinLog::SeverityLevel;
 using tavrinScheduler::IOWatchItem;
 
 std::unique_ptr<CommandRunner> CommandRunner::start(
-    int origin, tavrinScheduler::Scheduler* scheduler, const std::function<void(int)>& finishedCallback,
-    const char* program, const std::vector<std::string>& args,
-    const std::optional<std::string>& stdinFile, const std::optional<std::string>& stdoutFile,
-    const std::optional<std::string>& stderrFile) {
+    int origin, tavrinScheduler::Scheduler* scheduler,
+    const std::function<void(int)>& finishedCallback, const char* program,
+    const std::vector<std::string>& args, const std::optional<std::string>& stdinFile,
+    const std::optional<std::string>& stdoutFile, const std::optional<std::string>& stderrFile) {
   process::Command command(program);
   command.args(args);
 
@@ -76,8 +76,9 @@ std::unique_ptr<CommandRunner> CommandRunner::start(
   return std::make_unique<CommandRunner>(std::move(*child), finishedCallback, origin, scheduler);
 }
 
-CommandRunner::CommandRunner(process::Process&& process_, const std::function<void(int)>& finishedCallback,
-                             int origin_, tavrinScheduler::Scheduler* scheduler_)
+CommandRunner::CommandRunner(process::Process&& process_,
+                             const std::function<void(int)>& finishedCallback, int origin_,
+                             tavrinScheduler::Scheduler* scheduler_)
     : TaskResultThread<int>(origin_, scheduler_),
       process(std::move(process_)),
       scheduler(scheduler_),
@@ -118,7 +119,8 @@ void CommandRunner::startWatch(const std::function<void(int)>& finishedCallback)
       finishedCallback);
 }
 
-IOWatchItem::Result CommandRunner::handleEpollCallback(const std::function<void(int)>& finishedCallback) {
+IOWatchItem::Result CommandRunner::handleEpollCallback(
+    const std::function<void(int)>& finishedCallback) {
   std::optional<std::optional<int>> waitResult = process.tryWait();
   if (!waitResult) {
     int error = errno;

@@ -40,8 +40,8 @@ class CommandRunner : public TaskResultThread<int> {
                                               const std::optional<std::string>& stdoutFile,
                                               const std::optional<std::string>& stderrFile);
 
-  CommandRunner(process::Process&& process, const std::function<void(int)>& finishedCallback, int origin,
-                tavrinScheduler::Scheduler* scheduler);
+  CommandRunner(process::Process&& process, const std::function<void(int)>& finishedCallback,
+                int origin, tavrinScheduler::Scheduler* scheduler);
   ~CommandRunner() override;
 
   // True while the child has not been reaped.
@@ -61,7 +61,8 @@ class CommandRunner : public TaskResultThread<int> {
 
  private:
   void startWatch(const std::function<void(int)>& finishedCallback);
-  tavrinScheduler::IOWatchItem::Result handleEpollCallback(const std::function<void(int)>& finishedCallback);
+  tavrinScheduler::IOWatchItem::Result handleEpollCallback(
+      const std::function<void(int)>& finishedCallback);
 
   // running() is a query but may reap the child.
   mutable process::Process process;

@@ -74,8 +74,8 @@ class CommandRunnerTest : public ::testing::Test {
 
   // Waits until the child has written `text` to `path`: it is then ready for the test.
   bool waitForFile(const std::string& path, const std::string& text) {
-    return tavrinTesting::runUntil(
-        scheduler, [&] { return readFile(path).find(text) != std::string::npos; });
+    return tavrinTesting::runUntil(scheduler,
+                                   [&] { return readFile(path).find(text) != std::string::npos; });
   }
 
   tavrinTesting::GlobalLogCapture log;
@@ -116,7 +116,8 @@ TEST_F(CommandRunnerTest, KillSendsSigtermOrWithForceSigkill) {
     ASSERT_TRUE(runner);
     EXPECT_TRUE(runner->running());
     EXPECT_TRUE(runner->kill(force));
-    ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return !runner->running() && calls > 0; }));
+    ASSERT_TRUE(
+        tavrinTesting::runUntil(scheduler, [&] { return !runner->running() && calls > 0; }));
     EXPECT_EQ(lastStatus, force ? SIGKILL : SIGTERM);
     calls = 0;
   }
@@ -128,9 +129,13 @@ TEST_F(CommandRunnerTest, RedirectsStreamsToFiles) {
   const std::string out = dir + "/out";
   const std::string err = dir + "/err";
   std::ofstream(in) << "from file\n";
-  std::unique_ptr<CommandRunner> runner =
-      CommandRunner::start(kOrigin, &scheduler, [&](int status) { lastStatus = status; ++calls; },
-                           "/bin/sh", {"-c", "cat; echo oops >&2"}, in, out, err);
+  std::unique_ptr<CommandRunner> runner = CommandRunner::start(
+      kOrigin, &scheduler,
+      [&](int status) {
+        lastStatus = status;
+        ++calls;
+      },
+      "/bin/sh", {"-c", "cat; echo oops >&2"}, in, out, err);
   ASSERT_TRUE(runner);
   ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return calls > 0; }));
   EXPECT_EQ(lastStatus, 0);
@@ -141,8 +146,13 @@ TEST_F(CommandRunnerTest, RedirectsStreamsToFiles) {
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 
   // Without a stdin file the child reads the null device, never the application's input.
-  runner = CommandRunner::start(kOrigin, &scheduler, [&](int status) { lastStatus = status; ++calls; },
-                                "/bin/sh", {"-c", "cat"}, std::nullopt, out, std::nullopt);
+  runner = CommandRunner::start(
+      kOrigin, &scheduler,
+      [&](int status) {
+        lastStatus = status;
+        ++calls;
+      },
+      "/bin/sh", {"-c", "cat"}, std::nullopt, out, std::nullopt);
   ASSERT_TRUE(runner);
   ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return calls == 2; }));
   EXPECT_EQ(readFile(out), "");
@@ -151,18 +161,20 @@ TEST_F(CommandRunnerTest, RedirectsStreamsToFiles) {
 TEST_F(CommandRunnerTest, StartFailuresNameTheCommand) {
   EXPECT_FALSE(CommandRunner::start(kOrigin, &scheduler, nullptr, "/bin/cat", {"x"},
                                     dir + "/missing", std::nullopt, std::nullopt));
-  EXPECT_TRUE(log->contains("UnitTests: Error: Cannot start process \"/bin/cat 'x'\". Cannot open "
-                            "stdin file: No such file or directory (2)"))
+  EXPECT_TRUE(
+      log->contains("UnitTests: Error: Cannot start process \"/bin/cat 'x'\". Cannot open "
+                    "stdin file: No such file or directory (2)"))
       << log->text();
 
   EXPECT_FALSE(CommandRunner::start(kOrigin, &scheduler, nullptr, "/bin/cat", {}, std::nullopt,
                                     dir + "/no/such/dir/out", std::nullopt));
   EXPECT_TRUE(log->contains("Cannot start process \"/bin/cat\". Cannot open stdout file: "));
 
-  EXPECT_FALSE(CommandRunner::start(kOrigin, &scheduler, nullptr, "/nonexistent/program",
-                                    {"a b"}, std::nullopt, std::nullopt, std::nullopt));
-  EXPECT_TRUE(log->contains("UnitTests: Error: Cannot start process \"/nonexistent/program 'a b'\". "
-                            "No such file or directory (2)"));
+  EXPECT_FALSE(CommandRunner::start(kOrigin, &scheduler, nullptr, "/nonexistent/program", {"a b"},
+                                    std::nullopt, std::nullopt, std::nullopt));
+  EXPECT_TRUE(
+      log->contains("UnitTests: Error: Cannot start process \"/nonexistent/program 'a b'\". "
+                    "No such file or directory (2)"));
 
   EXPECT_EQ(CommandRunner::cmdToLogString("p", {"a", "b c"}), "p 'a' 'b c'");
 }
@@ -202,8 +214,10 @@ TEST_F(CommandRunnerTest, WithoutSchedulerCallsBackOnTheHelperThread) {
   std::future<std::pair<int, std::thread::id>> done = result.get_future();
   std::unique_ptr<CommandRunner> runner = CommandRunner::start(
       kOrigin, nullptr,
-      [&](int status) { result.set_value({status, std::this_thread::get_id()}); }, "/bin/sh",
-      {"-c", "exit 5"}, std::nullopt, std::nullopt, std::nullopt);
+      [&](int status) {
+        result.set_value({status, std::this_thread::get_id()});
+      },
+      "/bin/sh", {"-c", "exit 5"}, std::nullopt, std::nullopt, std::nullopt);
   ASSERT_TRUE(runner);
   ASSERT_EQ(done.wait_for(std::chrono::seconds(5)), std::future_status::ready);
   std::pair<int, std::thread::id> got = done.get();

@@ -19,8 +19,8 @@
 namespace tavrinCommon {
 namespace process {
 
-using tavrinLog::SeverityLevel;
 using tavrinLog::globalLogging;
+using tavrinLog::SeverityLevel;
 
 namespace {
 

@@ -69,7 +69,8 @@ class Process {
   std::optional<int> wait(const std::optional<std::chrono::milliseconds>& limit);
   // Reads stdout and stderr until the child has ended and they are drained, then waits for the
   // status. Empty on error or with errno ETIME when the limit runs out.
-  std::optional<ProcessOutput> waitWithOutput(const std::optional<std::chrono::milliseconds>& limit);
+  std::optional<ProcessOutput> waitWithOutput(
+      const std::optional<std::chrono::milliseconds>& limit);
 
   // One read of at most 1024 bytes from the pipe `id` (Stdout or Stderr) into `out` or `err`;
   // closes the pipe at end of file, or when `events` has EPOLLHUP and the read drained it.
@@ -83,8 +84,9 @@ class Process {
   bool kill(int signal);
 
   // The epoll time-out of one round of waitWithOutput started at `start`.
-  std::chrono::milliseconds getEpollTimeout(const std::optional<std::chrono::milliseconds>& limit,
-                                            const std::chrono::steady_clock::time_point& start) const;
+  std::chrono::milliseconds getEpollTimeout(
+      const std::optional<std::chrono::milliseconds>& limit,
+      const std::chrono::steady_clock::time_point& start) const;
   static int convertForEpollWait(std::chrono::milliseconds timeout);
 
  private:
@@ -92,7 +94,8 @@ class Process {
 
   bool killInternal(int signal);
   // Both return 0 or an errno value; a status found is stored. reap() takes the wait mutex for the
-  // call; reapLocked() expects the caller to hold it. `lock` holds the state lock on entry and exit.
+  // call; reapLocked() expects the caller to hold it. `lock` holds the state lock on entry and
+  // exit.
   int reap(StateLock& lock, bool block);
   int reapLocked(StateLock& lock, bool block);
   std::optional<int> waitUnbounded(StateLock& lock);

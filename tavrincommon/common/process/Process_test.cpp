@@ -72,8 +72,9 @@ TEST_F(ProcessTest, SpawnTakesThePathThisSystemOffers) {
 
 TEST_F(ProcessTest, RunSyncReadsLargeStdoutAndStderrCompletely) {
   std::optional<ProcessOutput> output =
-      shell("head -c 10240 /dev/zero | tr '\\000' o; head -c 1024 /dev/zero | tr '\\000' e >&2; "
-            "exit 3")
+      shell(
+          "head -c 10240 /dev/zero | tr '\\000' o; head -c 1024 /dev/zero | tr '\\000' e >&2; "
+          "exit 3")
           .stdout(Stdio::Piped)
           .stderr(Stdio::Piped)
           .runSync(std::chrono::seconds(10));
@@ -84,8 +85,7 @@ TEST_F(ProcessTest, RunSyncReadsLargeStdoutAndStderrCompletely) {
 }
 
 TEST_F(ProcessTest, WaitClosesAPipedStdinSoAReaderEnds) {
-  std::optional<Process> child =
-      shell("n=$(cat | wc -c); exit $n").stdin(Stdio::Piped).spawn();
+  std::optional<Process> child = shell("n=$(cat | wc -c); exit $n").stdin(Stdio::Piped).spawn();
   ASSERT_TRUE(child);
   ASSERT_TRUE(Process::ioValid(child->stdin()));
   ASSERT_EQ(::write(child->stdin()->get(), "hello", 5), 5);

@@ -11,13 +11,20 @@
 // tavrinCommon
 #include "tavrincommon/common/Clock.h"
 #include "tavrincommon/common/DirUtil.h"
+#include "tavrincommon/common/SendQueue.h"
 #include "tavrincommon/common/SignalHandler.h"
 #include "tavrincommon/common/StringHelper.h"
+#include "tavrincommon/common/TaskResultThread.h"
 #include "tavrincommon/common/ThreadHelper.h"
 #include "tavrincommon/common/TimeFunctions.h"
 #include "tavrincommon/common/TinyMutex.h"
 #include "tavrincommon/common/Utilities.h"
 #include "tavrincommon/common/WrapTS.h"
+#include "tavrincommon/common/process/Command.h"
+#include "tavrincommon/common/process/CommandRunner.h"
+#include "tavrincommon/common/process/Process.h"
+#include "tavrincommon/common/process/SafeFileDescriptor.h"
+#include "tavrincommon/common/process/Stdio.h"
 
 // tavrinScheduler
 #include "tavrincommon/scheduler/IOWatchItem.h"

@@ -5,6 +5,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "tavrincommon/testing/Emulation.h"
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -46,7 +48,7 @@ void runOuter() {
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
   const std::string filter = std::string(info->test_suite_name()) + "." + info->name();
   const std::string command = std::string(kInsideVariable) + "=1 " + kSkipFileVariable + "=" +
-                              quoted(skipFile) + " unshare -rn " + quoted(exe) +
+                              quoted(skipFile) + " unshare -rn " + targetEmulatorPrefix() + quoted(exe) +
                               " --gtest_filter=" + quoted(filter);
   std::fflush(stdout);
   const int status = exitStatus(std::system(command.c_str()));

@@ -1,0 +1,75 @@
+// Runs one external program in the background of the event loop and reports its exit status once
+// to a finished callback on the loop thread, without blocking the loop: through an IO watch on the
+// child's pidfd, or, without a pidfd, through a helper thread that waits. Owns the child, which it
+// stops and reaps when cleaned up or destroyed. Loop thread only; never destroy a runner from
+// inside its own finished callback. Logs through the process-wide logging object.
+#pragma once
+
+#include "tavrincommon/common/TaskResultThread.h"
+#include "tavrincommon/common/process/Process.h"
+#include "tavrincommon/scheduler/IOWatchItem.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavrinScheduler {
+class Scheduler;
+}
+
+namespace tavrinCommon {
+
+class CommandRunner : public TaskResultThread<int> {
+ public:
+  // How long cleanup gives a child after SIGTERM before SIGKILL.
+  static constexpr std::chrono::milliseconds KILL_TIMEOUT{20};
+
+  // Spawns `program` with `args`. stdin reads the named file or the null device; stdout and
+  // stderr write to the named files (created with mode 0600, truncated) or are inherited.
+  // `finished` gets the exit status as waitid reports it, or a negative errno value when waiting
+  // failed on the helper thread. `origin` is used for the log lines and the IO watch. Empty
+  // pointer on failure, after one Error line.
+  static std::unique_ptr<CommandRunner> start(int origin, tavrinScheduler::Scheduler* scheduler,
+                                              const std::function<void(int)>& finishedCallback,
+                                              const char* program,
+                                              const std::vector<std::string>& args,
+                                              const std::optional<std::string>& stdinFile,
+                                              const std::optional<std::string>& stdoutFile,
+                                              const std::optional<std::string>& stderrFile);
+
+  CommandRunner(process::Process&& process, const std::function<void(int)>& finishedCallback,
+                int origin, tavrinScheduler::Scheduler* scheduler);
+  ~CommandRunner() override;
+
+  // True while the child has not been reaped.
+  bool running() const;
+  // SIGKILL when `force`, else SIGTERM.
+  bool kill(bool force);
+  // SIGTERM, then up to KILL_TIMEOUT for the child to end: true when it still runs after that.
+  bool tryKillWithSigTerm();
+  // No finished callback is made after this.
+  void clearFinishedCallback();
+  // Stops (SIGTERM, then SIGKILL) and reaps the child, and releases the helper thread.
+  void cleanup();
+
+  // program 'arg1' 'arg 2'
+  static std::string cmdToLogString(const std::string& program,
+                                    const std::vector<std::string>& args);
+
+ private:
+  void startWatch(const std::function<void(int)>& finishedCallback);
+  tavrinScheduler::IOWatchItem::Result handleEpollCallback(
+      const std::function<void(int)>& finishedCallback);
+
+  // running() is a query but may reap the child.
+  mutable process::Process process;
+  tavrinScheduler::Scheduler* scheduler;
+  int origin;
+  tavrinScheduler::IOWatchHandle watchHandle;
+  bool callbackRunning = false;
+};
+
+}  // namespace tavrinCommon

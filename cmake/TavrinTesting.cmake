@@ -1,4 +1,19 @@
-find_package(GTest REQUIRED)
+# Cross-builds compile GoogleTest for the target from Debian's sources; native builds use the
+# installed package.
+set(TAVRIN_GTEST_SOURCE_DIR /usr/src/googletest CACHE PATH "GoogleTest sources for cross-builds")
+if(CMAKE_CROSSCOMPILING)
+  set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+  set(BUILD_GMOCK ON CACHE BOOL "" FORCE)
+  add_subdirectory(${TAVRIN_GTEST_SOURCE_DIR} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+  # GoogleTest's own build defines the GTest:: aliases; older versions do not.
+  foreach(_gtest_target gtest gtest_main gmock)
+    if(NOT TARGET GTest::${_gtest_target})
+      add_library(GTest::${_gtest_target} ALIAS ${_gtest_target})
+    endif()
+  endforeach()
+else()
+  find_package(GTest REQUIRED)
+endif()
 include(GoogleTest)
 
 # tavrin_add_test(<subsystem> <sources>...): one GoogleTest binary per subsystem, every test its own
@@ -9,6 +24,6 @@ function(tavrin_add_test subsystem)
   target_link_libraries(${target} PRIVATE tavrincommon tavrincommon_testing GTest::gmock GTest::gtest_main)
   tavrin_set_warnings(${target})
   gtest_discover_tests(${target}
-    PROPERTIES LABELS ${subsystem} TIMEOUT 60
-    DISCOVERY_TIMEOUT 60)
+    PROPERTIES LABELS ${subsystem} TIMEOUT 120
+    DISCOVERY_TIMEOUT 120)
 endfunction()

@@ -37,14 +37,25 @@
 
 // tavrinNetwork
 #include "tavrincommon/network/IPSocketHelper.h"
+#include "tavrincommon/network/LocalIPAddressWatcher.h"
 #include "tavrincommon/network/MACAddress.h"
+#include "tavrincommon/network/MulticastSocket.h"
+#include "tavrincommon/network/MulticastSocketInterface.h"
+#include "tavrincommon/network/NetlinkSocket.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 #include "tavrincommon/network/SimpleIp.h"
 #include "tavrincommon/network/TCPSocket.h"
 #include "tavrincommon/network/TCPSocketHelper.h"
 #include "tavrincommon/network/TCPSocketInterface.h"
+#include "tavrincommon/network/UDPSocket.h"
+#include "tavrincommon/network/UDPSocketInterface.h"
 
 // tavrinConnector
+#include "tavrincommon/connector/ConnectionHandlerType.h"
+#include "tavrincommon/connector/ConnectorInterfaceType.h"
+#include "tavrincommon/connector/DisconnectReason.h"
+#include "tavrincommon/connector/ErrorType.h"
+#include "tavrincommon/connector/TavrinConnectorMessageType.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/MessageBuffer.h"
 #include "tavrincommon/connector/OutputMessage.h"

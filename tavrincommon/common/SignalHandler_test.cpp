@@ -66,20 +66,6 @@ TEST_F(SignalHandlerTest, RemoveAndClearRestoreTheDefaultDisposition) {
   EXPECT_EQ(currentDisposition(SIGUSR1), SIG_DFL);
 }
 
-TEST_F(SignalHandlerTest, UnregisteredPendingSignalIsDropped) {
-  int calls = 0;
-  {
-    SignalHandler other;
-    other.addSignal(SIGUSR1, [] {});
-    std::raise(SIGUSR1);
-  }  // destroyed: SIGUSR1 back to default, the recorded signal still pending
-  EXPECT_EQ(currentDisposition(SIGUSR1), SIG_DFL);
-  handler.addSignal(SIGUSR2, [&] { ++calls; });
-  handler.mainLoopSignalCheck();
-  handler.mainLoopSignalCheck();
-  EXPECT_EQ(calls, 0);
-}
-
 TEST_F(SignalHandlerTest, FunctionMayRemoveItself) {
   int calls = 0;
   handler.addSignal(SIGUSR1, [&] {

@@ -2,12 +2,13 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 namespace tavrinLog {
 
 namespace {
-constexpr int kBufferSize = TavrinLogging::kMaxLineLength + 1;
+constexpr size_t kBufferSize = TavrinLogging::kMaxLineLength + 1;
 }  // namespace
 
 TavrinLogging::TavrinLogging(SeverityLevel::Type level, LogCallback logCallback_,
@@ -52,22 +53,37 @@ void TavrinLogging::setSeverityOff() {
   defaultSeverity = SeverityLevel::Off;
 }
 
+namespace {
+
+// Appends `text` at `used`, never past the last byte kept for the terminator.
+size_t append(char* buffer, size_t used, const char* text) {
+  size_t length = std::strlen(text);
+  const size_t room = kBufferSize - 1 - used;
+  if (length > room) length = room;
+  std::memcpy(buffer + used, text, length);
+  return used + length;
+}
+
+}  // namespace
+
 template <bool withPrefix>
 void TavrinLogging::log(int origin, SeverityLevel::Type severity, const char* format, ...) const {
   char buffer[kBufferSize];
-  int used = 0;
+  size_t used = 0;
   if (withPrefix) {
-    used = std::snprintf(buffer, sizeof buffer, "%s: %s: ", originToString(origin),
-                         SeverityLevel::getText(severity));
-    if (used < 0) used = 0;
+    // "<origin>: <severity>: " put together by hand: a printf pass over the prefix would cost as
+    // much as formatting a short message.
+    used = append(buffer, used, originToString(origin));
+    used = append(buffer, used, ": ");
+    used = append(buffer, used, SeverityLevel::getText(severity));
+    used = append(buffer, used, ": ");
   }
+  buffer[used] = '\0';
   if (used < kBufferSize - 1) {
     va_list args;
     va_start(args, format);
-    std::vsnprintf(buffer + used, sizeof buffer - static_cast<size_t>(used), format, args);
+    std::vsnprintf(buffer + used, kBufferSize - used, format, args);
     va_end(args);
-  } else {
-    buffer[kBufferSize - 1] = '\0';
   }
   logCallback(origin, severity, buffer);
 }

@@ -89,6 +89,8 @@ void IOWatcher::removeItemFromPoll(IOWatchListEntry* entry) {
 }
 
 void IOWatcher::wakeup() {
+  if (wakeRequested.exchange(true)) return;  // whoever set it wakes the watcher
+  if (!inWatch.load()) return;
   uint64_t one = 1;
   if (write(eventFd, &one, sizeof one) != static_cast<ssize_t>(sizeof one)) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "eventfd %d write failed", eventFd);
@@ -97,12 +99,18 @@ void IOWatcher::wakeup() {
 
 void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex) {
   list.clearRemovedEntries();
+  inWatch.store(true);
+  struct LeaveWatch {
+    std::atomic<bool>& inWatch;
+    ~LeaveWatch() { inWatch.store(false); }
+  } leave{inWatch};
   const MonotonicMs start;
   bool woken = false;
   epoll_event events[kMaxEventsPerWait];
   for (;;) {
     const MonotonicMs now;
     if (now - start > kMaxWatchMs) return;
+    if (wakeRequested.exchange(false)) woken = true;
     int timeout = (woken || now >= deadline) ? 0 : deadline - now;
     int n = epoll_wait(epollFd, events, kMaxEventsPerWait, timeout);
     if (n <= 0) return;

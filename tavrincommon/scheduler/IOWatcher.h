@@ -7,6 +7,7 @@
 #include "tavrincommon/common/WrapTS.h"
 #include "tavrincommon/scheduler/IOWatchList.h"
 
+#include <atomic>
 #include <iosfwd>
 
 namespace tavrinLog {
@@ -37,7 +38,8 @@ class IOWatcher {
   // Unregisters the first registration of `fd`, if any.
   void removeItem(int fd);
   void removeItemFromPoll(IOWatchListEntry* entry);
-  void wakeup();  // any thread
+  // Makes a running or the next watch() return as soon as nothing more is pending. Any thread.
+  void wakeup();
   // Waits and dispatches until `deadline` (a monotonic millisecond stamp), holding `loopMutex`
   // (may be null) only while callbacks run.
   void watch(const tavrinCommon::MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex);
@@ -53,6 +55,10 @@ class IOWatcher {
   int epollFd;
   int eventFd;
   IOWatchList list;
+  // A wake-up outside watch() needs no write: the next watch() sees the request before it waits.
+  // Both flags are sequentially consistent, so a request is never missed by both sides.
+  std::atomic<bool> inWatch{false};
+  std::atomic<bool> wakeRequested{false};
 };
 
 }  // namespace tavrinScheduler

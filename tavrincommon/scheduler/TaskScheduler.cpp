@@ -27,7 +27,9 @@ int elapsedMs(const timespec& from, const timespec& to) {
 
 bool TaskScheduler::run() {
   ++runCounter;
-  timespec passEnd = monotonicNow();
+  // One clock reading per worker: the reading after a worker is the start of the next one.
+  timespec now = monotonicNow();
+  timespec passEnd = now;
   passEnd.tv_sec += kWorkerPassBudgetMs / 1000;
   passEnd.tv_nsec += (kWorkerPassBudgetMs % 1000) * 1000000L;
   if (passEnd.tv_nsec >= 1000000000L) {
@@ -38,13 +40,14 @@ bool TaskScheduler::run() {
   Worker* worker = workers.pop();
   while (worker) {
     // The budget is checked before each worker, so a pass always runs at least one.
-    if (atOrAfter(monotonicNow(), passEnd)) {
+    if (atOrAfter(now, passEnd)) {
       workers.add(worker, true);
       return true;
     }
-    timespec before = monotonicNow();
     Worker::Result result = worker->work();
-    int elapsed = elapsedMs(before, monotonicNow());
+    const timespec after = monotonicNow();
+    const int elapsed = elapsedMs(now, after);
+    now = after;
     if (elapsed > kSlowWorkerMs) {
       TAVRIN_LOG(logging, tavrinCommon::DefaultOrigins::Scheduler, tavrinLog::SeverityLevel::Service,
                  "Worker %s took %dms (result: %d, called %d times, scheduled: %s, runCounter: %u)",

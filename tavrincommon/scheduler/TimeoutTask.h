@@ -5,8 +5,8 @@
 
 #include "tavrincommon/common/WrapTS.h"
 
+#include <cstddef>
 #include <cstdint>
-#include <set>
 
 namespace tavrinScheduler {
 
@@ -17,7 +17,6 @@ class TimeoutTask {
   struct TimeoutTaskSetCompare {
     bool operator()(const TimeoutTask* a, const TimeoutTask* b) const;
   };
-  using TaskSet = std::set<TimeoutTask*, TimeoutTaskSetCompare>;
 
   explicit TimeoutTask(int origin_) : origin(origin_) {}
   virtual ~TimeoutTask() = default;
@@ -36,7 +35,8 @@ class TimeoutTask {
   friend class TimeoutTaskScheduler;
 
   bool active = false;
-  TaskSet::iterator position;
+  // The task's own position in the active set, so that disarming needs no search.
+  size_t position = 0;
   uint32_t callCount = 0;
   tavrinCommon::MonotonicMs due;
   // Computed when armed from another thread; becomes `due` when the loop activates the task.

@@ -3,6 +3,7 @@
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/TavrinLogging.h"
 
+#include <algorithm>
 #include <iomanip>
 #include <ostream>
 
@@ -18,17 +19,55 @@ void TimeoutTaskScheduler::add(TimeoutTask* task, int ms, MonotonicMs now) {
   addTask(task);
 }
 
+namespace {
+const TimeoutTask::TimeoutTaskSetCompare firesBefore;
+}  // namespace
+
+void TimeoutTaskScheduler::siftUp(size_t index) {
+  TimeoutTask* task = active[index];
+  while (index > 0) {
+    size_t parent = (index - 1) / 2;
+    if (!firesBefore(task, active[parent])) break;
+    place(index, active[parent]);
+    index = parent;
+  }
+  place(index, task);
+}
+
+void TimeoutTaskScheduler::siftDown(size_t index) {
+  TimeoutTask* task = active[index];
+  const size_t count = active.size();
+  for (;;) {
+    size_t child = 2 * index + 1;
+    if (child >= count) break;
+    if (child + 1 < count && firesBefore(active[child + 1], active[child])) ++child;
+    if (!firesBefore(active[child], task)) break;
+    place(index, active[child]);
+    index = child;
+  }
+  place(index, task);
+}
+
 void TimeoutTaskScheduler::addTask(TimeoutTask* task) {
-  // Tasks are mostly armed with the same interval, so a new one usually sorts last: the hint
-  // makes that insertion constant time.
-  task->position = active.insert(active.end(), task);
+  if (task->active) return;
+  active.push_back(task);
+  siftUp(active.size() - 1);
   task->active = true;
 }
 
 void TimeoutTaskScheduler::removeTask(TimeoutTask* task) {
   if (!task->active) return;
-  active.erase(task->position);
   task->active = false;
+  const size_t index = task->position;
+  TimeoutTask* last = active.back();
+  active.pop_back();
+  if (index == active.size()) return;
+  place(index, last);
+  if (index > 0 && firesBefore(last, active[(index - 1) / 2])) {
+    siftUp(index);
+  } else {
+    siftDown(index);
+  }
 }
 
 void TimeoutTaskScheduler::addThreadsafe(TimeoutTask* task, int ms) {
@@ -49,7 +88,7 @@ void TimeoutTaskScheduler::removeFromWaitingTasks(TimeoutTask* task) { waiting.e
 
 void TimeoutTaskScheduler::runAndReturnNextTimeout(MonotonicMs& next, MonotonicMs now) {
   if (active.empty()) return;
-  TimeoutTask* first = *active.begin();
+  TimeoutTask* first = active.front();
   while (first->due - now <= 0) {
     removeTask(first);
     ++first->callCount;
@@ -64,7 +103,7 @@ void TimeoutTaskScheduler::runAndReturnNextTimeout(MonotonicMs& next, MonotonicM
                  static_cast<int>(took));
     }
     if (active.empty()) return;
-    first = *active.begin();
+    first = active.front();
   }
   if (next - first->due >= 1) next = first->due;
 }
@@ -75,7 +114,9 @@ void TimeoutTaskScheduler::stop() {
 }
 
 void TimeoutTaskScheduler::dump(std::ostream& out, const char* prefix) const {
-  for (const TimeoutTask* task : active) {
+  std::vector<TimeoutTask*> inFiringOrder(active);
+  std::sort(inFiringOrder.begin(), inFiringOrder.end(), firesBefore);
+  for (const TimeoutTask* task : inFiringOrder) {
     out << prefix << "TimeoutTask " << std::setw(30) << tavrinLog::originName(logging, task->origin)
         << " called " << std::setw(4) << task->callCount << "x @ 0x" << std::hex
         << reinterpret_cast<uintptr_t>(task) << std::dec << "\n";

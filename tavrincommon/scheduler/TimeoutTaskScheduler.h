@@ -1,5 +1,6 @@
-// The armed timeouts of one scheduler, ordered by due time, and the waiting set of tasks armed
-// from other threads until the loop activates them. Keeps, never owns, its tasks. The active set
+// The armed timeouts of one scheduler, ordered by due time (an indexed binary heap: O(log n) arm
+// and disarm without allocation, each task knowing its position), and the waiting set of tasks
+// armed from other threads until the loop activates them. Keeps, never owns, its tasks. The active set
 // is used on the loop thread only; the waiting set under the scheduler's timeouts mutex.
 #pragma once
 
@@ -8,6 +9,7 @@
 
 #include <iosfwd>
 #include <set>
+#include <vector>
 
 namespace tavrinLog {
 class TavrinLogging;
@@ -43,13 +45,22 @@ class TimeoutTaskScheduler {
   void stop();
 
   bool empty() const { return active.empty(); }
+  // The earliest armed task, or null.
+  TimeoutTask* first() const { return active.empty() ? nullptr : active.front(); }
   size_t size() const { return active.size(); }
   void setLogging(tavrinLog::TavrinLogging* logging_) { logging = logging_; }
   void dump(std::ostream& out, const char* prefix) const;
 
  private:
+  void place(size_t index, TimeoutTask* task) {
+    active[index] = task;
+    task->position = index;
+  }
+  void siftUp(size_t index);
+  void siftDown(size_t index);
+
   tavrinLog::TavrinLogging* logging;
-  TimeoutTask::TaskSet active;
+  std::vector<TimeoutTask*> active;
   std::set<TimeoutTask*> waiting;
 };
 

@@ -11,16 +11,6 @@ constexpr unsigned char kEndDelimiter = 0x5A;
 constexpr unsigned kMinFrameLength = 11;
 constexpr unsigned kLengthFieldEnd = 5;
 
-// Little-endian; a field cut short by the end of the data reads as 0, with the cursor at the end.
-uint64_t readLittleEndian(MessageBuffer& buffer, unsigned width) {
-  unsigned n = width;
-  const unsigned char* bytes = reinterpret_cast<const unsigned char*>(buffer.accessRawData(n));
-  if (n < width) return 0;
-  uint64_t value = 0;
-  for (unsigned i = width; i-- > 0;) value = (value << 8) | bytes[i];
-  return value;
-}
-
 }  // namespace
 
 InputMessage::InputMessage() = default;
@@ -103,14 +93,6 @@ void InputMessage::clearValidity() {
 void InputMessage::clearMessage() {
   buffer.clear();
   clearValidity();
-}
-
-uint8_t InputMessage::getUInt8(MessageBuffer& from) {
-  return static_cast<uint8_t>(readLittleEndian(from, 1));
-}
-
-uint32_t InputMessage::getUInt32(MessageBuffer& from) {
-  return static_cast<uint32_t>(readLittleEndian(from, 4));
 }
 
 int8_t InputMessage::getInt8() { return static_cast<int8_t>(readLittleEndian(buffer, 1)); }

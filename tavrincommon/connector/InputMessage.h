@@ -32,8 +32,12 @@ class InputMessage {
   void clearValidity();
   void clearMessage();
 
-  static uint8_t getUInt8(MessageBuffer& buffer);
-  static uint32_t getUInt32(MessageBuffer& buffer);
+  static uint8_t getUInt8(MessageBuffer& from) {
+    return static_cast<uint8_t>(readLittleEndian(from, 1));
+  }
+  static uint32_t getUInt32(MessageBuffer& from) {
+    return static_cast<uint32_t>(readLittleEndian(from, 4));
+  }
   int8_t getInt8();
   int16_t getInt16();
   uint16_t getUInt16();
@@ -50,6 +54,16 @@ class InputMessage {
   MessageBuffer buffer;
 
  private:
+  // A field cut short by the end of the data reads as 0, with the cursor at the end.
+  static uint64_t readLittleEndian(MessageBuffer& from, unsigned width) {
+    unsigned n = width;
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(from.accessRawData(n));
+    if (n < width) return 0;
+    uint64_t value = 0;
+    for (unsigned i = width; i-- > 0;) value = (value << 8) | bytes[i];
+    return value;
+  }
+
   bool valid = false;
   uint32_t length = 0;
   uint8_t type = 0;

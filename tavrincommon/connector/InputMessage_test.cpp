@@ -98,18 +98,5 @@ TEST_F(InputMessageTest, ReadersShortOfBytesReturnZeroAndStopAtTheEnd) {
   EXPECT_EQ(numbers.buffer.getData(), nullptr);
 }
 
-TEST_F(InputMessageTest, TakesOverABufferWithoutCopying) {
-  MessageBuffer buffer;
-  const std::string frame = bytes({0xA5, 6, 0, 0, 0, 9, 0, 0, 0, 0, 0x5A});
-  buffer.write(frame.data(), static_cast<unsigned>(frame.size()));
-  const char* storage = buffer.getData();
-  InputMessage message(std::move(buffer), true);
-  EXPECT_TRUE(message.isValid());
-  EXPECT_EQ(message.buffer.getData(), storage);
-  message.clearMessage();
-  EXPECT_FALSE(message.isValid());
-  EXPECT_EQ(message.buffer.getDataLength(), 0u);
-}
-
 }  // namespace
 }  // namespace tavrinConnector

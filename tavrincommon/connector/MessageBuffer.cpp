@@ -1,6 +1,8 @@
 #include "tavrincommon/connector/MessageBuffer.h"
 
 #include <cstring>
+#include <limits>
+#include <new>
 
 namespace tavrinConnector {
 
@@ -56,13 +58,6 @@ void MessageBuffer::reset(unsigned size) {
 
 void MessageBuffer::resetToEmpty() { release(); }
 
-void MessageBuffer::write(const char* data, unsigned n) {
-  if (n == 0) return;
-  ensureBufferSpace(n);
-  std::memcpy(cursor, data, n);
-  advanceWritten(n);
-}
-
 void MessageBuffer::setBytes(unsigned char value, unsigned n) {
   if (n == 0) return;
   ensureBufferSpace(n);
@@ -70,37 +65,13 @@ void MessageBuffer::setBytes(unsigned char value, unsigned n) {
   advanceWritten(n);
 }
 
-unsigned MessageBuffer::read(void* out, unsigned n) {
-  unsigned m = n < getRemaining() ? n : getRemaining();
-  if (m > 0) std::memcpy(out, cursor, m);
-  cursor += m;
-  return m;
-}
-
-char* MessageBuffer::accessRawData(unsigned& n) {
-  char* at = cursor;
-  if (n > getRemaining()) n = getRemaining();
-  cursor += n;
-  return at;
-}
-
-void MessageBuffer::setOffset(unsigned offset) {
-  if (offset <= getDataLength()) cursor = begin + offset;
-}
-
-void MessageBuffer::moveOffset(int delta) {
-  long target = static_cast<long>(getOffset()) + delta;
-  if (target >= 0 && target <= static_cast<long>(getDataLength())) cursor = begin + target;
-}
-
-unsigned MessageBuffer::getAndThenSetOffset(unsigned offset) {
-  unsigned previous = getOffset();
-  setOffset(offset);
-  return previous;
-}
-
-void MessageBuffer::ensureBufferSpace(unsigned n) {
-  while (static_cast<size_t>(capacityEnd - cursor) < n) doubleBuffer();
+void MessageBuffer::growFor(unsigned n) {
+  // The capacity that repeated doubling (from the default size when there is no storage) would
+  // reach, in one step: a large write copies the old bytes once instead of once per doubling.
+  const uint64_t needed = static_cast<uint64_t>(getOffset()) + n;
+  uint64_t capacity = begin ? getCapacity() : DEFAULT_INIT_SIZE;
+  while (capacity < needed) capacity *= 2;
+  grow(capacity);
 }
 
 void MessageBuffer::doubleBuffer() {
@@ -108,12 +79,17 @@ void MessageBuffer::doubleBuffer() {
     reset(DEFAULT_INIT_SIZE);
     return;
   }
-  const size_t capacity = static_cast<size_t>(getCapacity()) * 2;
+  grow(static_cast<uint64_t>(getCapacity()) * 2);
+}
+
+void MessageBuffer::grow(uint64_t capacity) {
+  // Capacities and offsets are unsigned: a buffer stays below 4 GiB on every target.
+  if (capacity > std::numeric_limits<unsigned>::max() - 1u) throw std::bad_alloc();
   const size_t offset = getOffset();
   const size_t length = getDataLength();
-  char* storage = new char[capacity + 1];
+  char* storage = new char[static_cast<size_t>(capacity) + 1];
   // Bytes from the cursor on are about to be overwritten by the write that needed the room.
-  std::memcpy(storage, begin, offset);
+  if (offset > 0) std::memcpy(storage, begin, offset);
   delete[] begin;
   begin = storage;
   cursor = begin + offset;

@@ -3,6 +3,9 @@
 // Movable, not copyable; a moved-from buffer owns nothing. No thread rule of its own.
 #pragma once
 
+#include <cstdint>
+#include <cstring>
+
 namespace tavrinConnector {
 
 class MessageBuffer {
@@ -26,19 +29,46 @@ class MessageBuffer {
   void clear() { cursor = dataEnd = begin; }
   void resetToEmpty();
 
-  void write(const char* data, unsigned n);
+  // The small operations are inline: the receive path runs them a few times per frame.
+  void write(const char* data, unsigned n) {
+    if (n == 0) return;
+    ensureBufferSpace(n);
+    std::memcpy(cursor, data, n);
+    advanceWritten(n);
+  }
   void setBytes(unsigned char value, unsigned n);
   // Copies at most the bytes left before the end of the data; returns how many it copied.
-  unsigned read(void* out, unsigned n);
+  unsigned read(void* out, unsigned n) {
+    const unsigned m = n < getRemaining() ? n : getRemaining();
+    if (m > 0) std::memcpy(out, cursor, m);
+    cursor += m;
+    return m;
+  }
   // Returns the cursor and steps over up to `n` bytes of data; `n` is lowered to what was there.
-  char* accessRawData(unsigned& n);
+  char* accessRawData(unsigned& n) {
+    char* at = cursor;
+    if (n > getRemaining()) n = getRemaining();
+    cursor += n;
+    return at;
+  }
 
   // Targets outside the data are ignored.
-  void setOffset(unsigned offset);
-  void moveOffset(int delta);
-  unsigned getAndThenSetOffset(unsigned offset);
+  void setOffset(unsigned offset) {
+    if (offset <= getDataLength()) cursor = begin + offset;
+  }
+  void moveOffset(int delta) {
+    const long target = static_cast<long>(getOffset()) + delta;
+    if (target >= 0 && target <= static_cast<long>(getDataLength())) cursor = begin + target;
+  }
+  unsigned getAndThenSetOffset(unsigned offset) {
+    const unsigned previous = getOffset();
+    setOffset(offset);
+    return previous;
+  }
 
-  void ensureBufferSpace(unsigned n);
+  void ensureBufferSpace(unsigned n) {
+    if (static_cast<size_t>(capacityEnd - cursor) < n) growFor(n);
+  }
   void doubleBuffer();
 
   unsigned getOffset() const { return static_cast<unsigned>(cursor - begin); }
@@ -50,6 +80,8 @@ class MessageBuffer {
 
  private:
   void allocate(unsigned size);
+  void growFor(unsigned n);
+  void grow(uint64_t capacity);
   void release();
   // Raises the high-water mark after a write moved the cursor past it.
   void advanceWritten(unsigned n) {

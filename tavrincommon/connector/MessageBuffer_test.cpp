@@ -10,16 +10,6 @@ namespace {
 
 class MessageBufferTest : public ::testing::Test {};
 
-TEST_F(MessageBufferTest, ConstructorsChooseCapacityWithElevenBytesAtLeast) {
-  EXPECT_EQ(MessageBuffer().getCapacity(), 1024u);
-  EXPECT_EQ(MessageBuffer(3).getCapacity(), 11u);
-  EXPECT_EQ(MessageBuffer(50).getCapacity(), 50u);
-  MessageBuffer fromData("abcdefghijkl", 12);
-  EXPECT_EQ(fromData.getCapacity(), 12u);
-  EXPECT_EQ(fromData.getOffset(), 12u);
-  EXPECT_EQ(MessageBuffer("abc", 3).getCapacity(), 11u);
-}
-
 TEST_F(MessageBufferTest, GrowsByDoublingAndKeepsEarlierBytes) {
   MessageBuffer buffer;
   std::string first(1000, 'x');
@@ -62,14 +52,6 @@ TEST_F(MessageBufferTest, ReadersAndCursorMovesStayInsideTheData) {
   EXPECT_EQ(raw, buffer.getData());
   EXPECT_EQ(buffer.getAndThenSetOffset(2), 6u);
   EXPECT_EQ(buffer.getOffset(), 2u);
-}
-
-TEST_F(MessageBufferTest, OverwritingKeepsTheHighWaterMark) {
-  MessageBuffer buffer("abcdef", 6);
-  buffer.setOffset(1);
-  buffer.write("XY", 2);
-  EXPECT_EQ(buffer.getDataLength(), 6u);
-  EXPECT_EQ(std::string(buffer.getData(), 6), "aXYdef");
 }
 
 TEST_F(MessageBufferTest, ResetKeepsLargeEnoughStorageAndMoveEmptiesTheSource) {

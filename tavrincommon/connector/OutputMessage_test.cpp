@@ -69,26 +69,5 @@ TEST_F(OutputMessageTest, LargePayloadGrowsTheBufferOnce) {
     ASSERT_EQ(static_cast<unsigned char>(message.getData()[10 + i]), i & 0xFF);
 }
 
-TEST_F(OutputMessageTest, ClearAndMoveStartAgainWithAnEmptyUnfinalizedMessage) {
-  OutputMessage message;
-  message.putUInt32(1);
-  message.finalizeMessage(4, 1);
-  OutputMessage moved(std::move(message));
-  EXPECT_TRUE(moved.isFinalized());
-  EXPECT_FALSE(message.isFinalized());
-  moved.clear();
-  EXPECT_FALSE(moved.isFinalized());
-  EXPECT_EQ(moved.getFrameLength(), 10u);
-}
-
-TEST_F(OutputMessageTest, ShortHeaderStillGivesTheFixedLayout) {
-  OutputMessage message;
-  message.getBuffer().setOffset(4);
-  message.finalizeMessage(2, 0);
-  ASSERT_EQ(message.getFrameLength(), 12u);
-  EXPECT_EQ(static_cast<unsigned char>(message.getData()[1]), 7u);
-  EXPECT_EQ(static_cast<unsigned char>(message.getData()[11]), 0x5A);
-}
-
 }  // namespace
 }  // namespace tavrinConnector

@@ -155,9 +155,14 @@ bool TCPTransceiver::extractPacketLength(const char* data, int available, int ne
     waitingForHeader = true;
     return false;
   }
-  receiveBuffer.write(data, static_cast<unsigned>(needed));
-  receiveBuffer.setOffset(1);
-  length = InputMessage::getUInt32(receiveBuffer);
+  // The header's bytes are taken from the buffer and the new data together, so that the frame's
+  // storage can be sized before anything is written.
+  unsigned char header[kFrameHeaderSize];
+  const unsigned held = kFrameHeaderSize - static_cast<unsigned>(needed);
+  if (held > 0) std::memcpy(header, receiveBuffer.getData(), held);
+  std::memcpy(header + held, data, static_cast<size_t>(needed));
+  length = static_cast<unsigned>(header[1]) | static_cast<unsigned>(header[2]) << 8 |
+           static_cast<unsigned>(header[3]) << 16 | static_cast<unsigned>(header[4]) << 24;
   waitingForHeader = false;
   return true;
 }
@@ -178,8 +183,6 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
       if (!extractPacketLength(data, static_cast<int>(n), static_cast<int>(needed),
                                remainingBytes))
         return true;
-      data += needed;
-      n -= needed;
       // Checked before anything is allocated for the frame: a peer's length field alone must
       // not make the buffer grow without bound.
       if (static_cast<uint64_t>(remainingBytes) + kFrameHeaderSize > maxFrameLength) {
@@ -189,8 +192,12 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
                    SimpleEndpoint::CharString(endpoint).c_str(), remainingBytes, maxFrameLength);
         return false;
       }
-      // Room for the whole frame at once, so that a large frame is copied only once.
-      receiveBuffer.ensureBufferSpace(remainingBytes);
+      // The whole frame's room at once: its bytes are copied only once, and the storage is the
+      // one the delivered message keeps.
+      receiveBuffer.ensureBufferSpace(needed + remainingBytes);
+      receiveBuffer.write(data, needed);
+      data += needed;
+      n -= needed;
     }
     if (remainingBytes > n) {
       receiveBuffer.write(data, n);
@@ -209,8 +216,9 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
                  SimpleEndpoint::CharString(endpoint).c_str());
       return false;
     }
+    // The buffer's storage passes to the message; the next frame's storage is allocated when its
+    // header tells its size.
     auto message = std::make_unique<InputMessage>(std::move(receiveBuffer), true);
-    receiveBuffer.reset(MessageBuffer::DEFAULT_INIT_SIZE);
     if (!message->isValid()) {
       TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
                  "Failed to receive message on TCP connection socket %s: validity check failed, "

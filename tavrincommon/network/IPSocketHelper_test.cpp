@@ -66,10 +66,10 @@ TEST_F(IPSocketHelperTest, OpenUdpBindsAndReportsEachFailingStep) {
   EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
   ::close(fd);
 
-  EXPECT_EQ(IPSocketHelper::openUdp(SimpleEndpoint(SimpleIp("192.0.2.1"), 0), "", false,
+  EXPECT_EQ(IPSocketHelper::openUdp(SimpleEndpoint(SimpleIp("240.0.0.1"), 0), "", false,
                                     log.logging()),
             -1);
-  EXPECT_TRUE(log.contains("bind() failed (open; bind) for 192.0.2.1:0 on interface '' (fd "))
+  EXPECT_TRUE(log.contains("bind() failed (open; bind) for 240.0.0.1:0 on interface '' (fd "))
       << log.text();
   EXPECT_EQ(IPSocketHelper::openUdp(SimpleEndpoint(kLoopback, 0), "nosuchif0", false, log.logging()),
             -1);

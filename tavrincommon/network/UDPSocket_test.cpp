@@ -72,9 +72,9 @@ TEST_F(UDPSocketTest, NothingPendingGivesZeroWhenNonblocking) {
 
 TEST_F(UDPSocketTest, FailedOpenLogsAndLeavesTheSocketClosed) {
   ASSERT_TRUE(receiver.open(kLoopback, 0, "", true));
-  EXPECT_FALSE(receiver.open(SimpleIp("192.0.2.1"), 4000, "", true));
+  EXPECT_FALSE(receiver.open(SimpleIp("240.0.0.1"), 4000, "", true));
   EXPECT_TRUE(log.contains(
-      "Sockets: Error: Failed to open UDP socket (IP: 192.0.2.1:4000, interface: ''): Open failed!"))
+      "Sockets: Error: Failed to open UDP socket (IP: 240.0.0.1:4000, interface: ''): Open failed!"))
       << log.text();
   EXPECT_FALSE(receiver.valid());
   EXPECT_EQ(receiver.getFd(), -1);

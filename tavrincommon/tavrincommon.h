@@ -51,8 +51,10 @@
 #include "tavrincommon/network/UDPSocketInterface.h"
 
 // tavrinConnector
+#include "tavrincommon/connector/ConnectionHandlerBase.h"
 #include "tavrincommon/connector/ConnectionHandlerType.h"
 #include "tavrincommon/connector/ConnectorInterfaceType.h"
+#include "tavrincommon/connector/CustomConnectData.h"
 #include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/connector/ErrorType.h"
 #include "tavrincommon/connector/TavrinConnectorMessageType.h"

@@ -85,6 +85,7 @@ TCPConnectorBase::~TCPConnectorBase() {
   tcpConnectionsToDestroy.clear();
   // Closing the connections above may have queued events and scheduled the worker once more.
   connectionEvents.clear();
+  receivedFrames.clear();
   keepAliveTimer.stop();
   scheduler->removeWorker(this);
   scheduler->disableTimeout(this);
@@ -257,12 +258,15 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
     // A raw pointer: handlers may retire this connection while its messages are handled, and
     // retired connections live on until the end of this run.
     SingleTCPConnectionEndpoint* connection = found->second.get();
-    const bool socketValid = connection->isConnected();
-    if (!force && socketValid) {
-      if (handleReceivedMessages(*connection, deadline) == Continue)
+    if (!force) {
+      // Frames that arrived before a connection ended are handled before it is torn down.
+      if (handleReceivedMessages(*connection, deadline) == Continue) {
         connectionEvents.emplace_back(endpoint, false);
-      continue;
+        continue;
+      }
+      if (connection->isConnected() || getTCPConnection(endpoint) != connection) continue;
     }
+    const bool socketValid = connection->isConnected();
     const size_t logicalCount = connection->getLogicalConnections().size();
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
                "Disconnecting TCP connection %s (forceDisconnect: %s, connected: %s, logical "
@@ -278,6 +282,7 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
   handlers.clear();
   std::deque<std::unique_ptr<SingleTCPConnectionEndpoint>> connections;
   connections.swap(tcpConnectionsToDestroy);
+  for (const auto& connection : connections) receivedFrames.erase(connection.get());
   connections.clear();
   // Destroying a connection whose socket was still open queues one last event for it; the
   // connection is gone, so the event would only cost another run.
@@ -294,10 +299,19 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
 
 tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
     SingleTCPConnectionEndpoint& connection, const timespec& deadline) {
-  if (connection.getReceiveQueueSize() == 0) return Finished;
+  if (heldFrameCount(connection) == 0) return Finished;
+  const SimpleEndpoint peer = peerOf(connection);
   while (!reached(deadline)) {
-    std::unique_ptr<InputMessage> message = connection.fetchReceivedMessage();
-    if (!message) return Finished;
+    // Looked up on every turn: handlers may retire the connection or add frames meanwhile. The
+    // frames of a retired connection go with it.
+    auto held = receivedFrames.find(&connection);
+    if (held == receivedFrames.end()) return Finished;
+    if (held->second.empty() || getTCPConnection(peer) != &connection) {
+      receivedFrames.erase(held);
+      return Finished;
+    }
+    std::unique_ptr<InputMessage> message = std::move(held->second.front());
+    held->second.pop_front();
     const unsigned type = message->getType();
     const unsigned info = message->getAdditionalInfo();
     switch (type) {
@@ -339,12 +353,12 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
         break;
     }
     message.reset();
-    if (connection.getReceiveQueueSize() == 0) return Finished;
+    if (heldFrameCount(connection) == 0) return Finished;
   }
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
              "Message handling took too long (%d messages remaining for TCP connection %s), "
              "yielding",
-             static_cast<int>(connection.getReceiveQueueSize()), text(peerOf(connection)).c_str());
+             static_cast<int>(heldFrameCount(connection)), text(peer).c_str());
   return Continue;
 }
 
@@ -528,11 +542,34 @@ void TCPConnectorBase::sendKeepAlives() {
 std::unique_ptr<SingleTCPConnectionEndpoint> TCPConnectorBase::makeTCPConnection(
     const SimpleEndpoint& peer, std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket,
     bool connectedNow) {
+  // The connection calls back from inside its constructor at the earliest, so the slot is filled
+  // in before any frame can arrive.
+  auto self = std::make_shared<SingleTCPConnectionEndpoint*>(nullptr);
   auto connection = std::make_unique<SingleTCPConnectionEndpoint>(
-      peer, std::move(socket), connectedNow, [this, peer] { setConnectionEvent(peer, false); },
+      peer, std::move(socket), connectedNow,
+      [this, peer, self] {
+        if (*self) holdReceivedFrames(**self);
+        setConnectionEvent(peer, false);
+      },
       scheduler, kTCPIdleTimeoutMs, timing.connectionTimeout * 1000, logging);
+  *self = connection.get();
   connection->getTransceiver().setMaxFrameLength(maxFrameLength);
   return connection;
+}
+
+void TCPConnectorBase::holdReceivedFrames(SingleTCPConnectionEndpoint& connection) {
+  std::unique_ptr<InputMessage> message = connection.fetchReceivedMessage();
+  if (!message) return;
+  std::deque<std::unique_ptr<InputMessage>>& held = receivedFrames[&connection];
+  do {
+    held.push_back(std::move(message));
+    message = connection.fetchReceivedMessage();
+  } while (message);
+}
+
+size_t TCPConnectorBase::heldFrameCount(const SingleTCPConnectionEndpoint& connection) const {
+  auto held = receivedFrames.find(&connection);
+  return held == receivedFrames.end() ? 0 : held->second.size();
 }
 
 void TCPConnectorBase::retireTCPConnection(const SimpleEndpoint& peer,

@@ -24,6 +24,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -227,6 +228,9 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   // its destruction to the worker: it may be in the middle of its own call chain.
   void retireTCPConnection(const tavrinNetwork::SimpleEndpoint& peer,
                            const SingleTCPConnectionEndpoint* expected);
+  // Takes the frames the connection has queued into the connector's own keeping.
+  void holdReceivedFrames(SingleTCPConnectionEndpoint& connection);
+  size_t heldFrameCount(const SingleTCPConnectionEndpoint& connection) const;
 
   void setConnectionRejected(const tavrinNetwork::SimpleEndpoint& endpoint, unsigned clusterId,
                              unsigned connectionId, int reason, unsigned remoteConnectionId,
@@ -275,6 +279,12 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   std::deque<std::pair<tavrinNetwork::SimpleEndpoint, bool>> connectionEvents;
   std::deque<std::unique_ptr<ConnectionHandlerBase>> handlersToDestroy;
   std::deque<std::unique_ptr<SingleTCPConnectionEndpoint>> tcpConnectionsToDestroy;
+  // Frames received on each TCP connection and not yet handled. A TCP connection drops the frames
+  // it still queues when it ends, and a peer that ends its last logical connection sends the
+  // disconnect message and closes right after it: both arrive in the same read. Held here, the
+  // frames that came before the end are still handled, so the peer's reason is not lost.
+  std::unordered_map<const SingleTCPConnectionEndpoint*, std::deque<std::unique_ptr<InputMessage>>>
+      receivedFrames;
   uint32_t maxFrameLength;
 };
 

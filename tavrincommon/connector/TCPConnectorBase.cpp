@@ -17,6 +17,10 @@
 #include <set>
 #include <utility>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 namespace tavrinConnector {
 
 using tavrinCommon::DefaultOrigins;
@@ -542,6 +546,14 @@ void TCPConnectorBase::sendKeepAlives() {
 std::unique_ptr<SingleTCPConnectionEndpoint> TCPConnectorBase::makeTCPConnection(
     const SimpleEndpoint& peer, std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket,
     bool connectedNow) {
+  // Control messages are a few bytes each, and a side that ends its last logical connection
+  // sends a disconnect and closes abortively right after it: held back by Nagle's algorithm
+  // behind an unacknowledged frame, that message would die with the close. A socket that is not
+  // a TCP socket (a test's fake) just refuses the option.
+  if (socket && socket->valid()) {
+    const int on = 1;
+    setsockopt(socket->getFd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  }
   // The connection calls back from inside its constructor at the earliest, so the slot is filled
   // in before any frame can arrive.
   auto self = std::make_shared<SingleTCPConnectionEndpoint*>(nullptr);

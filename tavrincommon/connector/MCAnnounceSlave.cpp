@@ -1,0 +1,443 @@
+#include "tavrincommon/connector/MCAnnounceSlave.h"
+
+#include "tavrincommon/common/WrapTS.h"
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/TavrinConnectorMessageType.h"
+#include "tavrincommon/connector/internal/PayloadReader.h"
+#include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/TavrinLogging.h"
+#include "tavrincommon/network/MulticastSocket.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ostream>
+
+#include <sys/epoll.h>
+
+namespace tavrinConnector {
+
+using tavrinCommon::DefaultOrigins;
+using tavrinLog::SeverityLevel;
+using tavrinNetwork::SimpleEndpoint;
+using tavrinNetwork::SimpleIp;
+
+#define ANNOUNCE_LOG(severity, ...) \
+  TAVRIN_LOG(logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, __VA_ARGS__)
+
+namespace {
+
+constexpr unsigned kOwnVersion = 0;
+constexpr tavrinScheduler::IOWatchItem::Result kKeepReading = EPOLLIN;
+
+const char* yesNo(bool value) { return value ? "yes" : "no"; }
+
+}  // namespace
+
+MCAnnounceSlave::MasterEntry::MasterEntry(tavrinScheduler::Scheduler* scheduler,
+                                          int masterTimeout,
+                                          std::function<void()> timeoutCallback,
+                                          tavrinLog::TavrinLogging* logger)
+    : timer(scheduler, masterTimeout, std::move(timeoutCallback), DefaultOrigins::MCAnnounce),
+      data(nullptr, logger) {}
+
+MCAnnounceSlave::MCAnnounceSlave(tavrinScheduler::Scheduler* scheduler_,
+                                 SocketFactory socketFactory_, int masterTimeout_,
+                                 tavrinLog::TavrinLogging* logger_)
+    : Worker(DefaultOrigins::MCAnnounce),
+      logger(logger_),
+      scheduler(scheduler_),
+      socketFactory(std::move(socketFactory_)),
+      masterTimeout(masterTimeout_),
+      announcementAdded([](const SingleAnnouncementData&) {}),
+      errorCallback([](ErrorType::Type, const std::string&) {}) {}
+
+MCAnnounceSlave::MCAnnounceSlave(tavrinScheduler::Scheduler* scheduler_,
+                                 tavrinLog::TavrinLogging* logger_)
+    : MCAnnounceSlave(
+          scheduler_,
+          [logger_]() -> std::unique_ptr<tavrinNetwork::MulticastSocketInterface> {
+            return std::make_unique<tavrinNetwork::MulticastSocket>(logger_);
+          },
+          kDefaultMasterTimeoutMs, logger_) {}
+
+MCAnnounceSlave::~MCAnnounceSlave() {
+  setEnabled(false);
+  scheduler->removeWorker(this);
+}
+
+void MCAnnounceSlave::setCallbacks(AddedCallback added, ErrorCallback error) {
+  announcementAdded = added ? std::move(added) : AddedCallback([](const SingleAnnouncementData&) {});
+  errorCallback = error ? std::move(error) : ErrorCallback([](ErrorType::Type, const std::string&) {});
+}
+
+void MCAnnounceSlave::init(unsigned networkId_, SimpleIp multicastIp_,
+                           unsigned short multicastPort_, const std::string& interface_) {
+  setEnabled(false);
+  supportedConnectors.clear();
+  networkId = networkId_;
+  interface = interface_;
+  multicastIp = multicastIp_;
+  multicastPort = multicastPort_;
+  ANNOUNCE_LOG(Debug, "Initialized MCAnnounce client: NetworkId %u, interface '%s', MC group: %s:%u",
+               networkId, interface.c_str(), SimpleIp::CharString(multicastIp).c_str(),
+               static_cast<unsigned>(multicastPort));
+}
+
+void MCAnnounceSlave::setEnabled(bool enable) {
+  if (enable == enabled) return;
+  enabled = enable;
+  scheduler->removeIOItem(ioHandle);
+  socket.reset();
+  scheduler->removeWorker(this);
+  masters.clear();
+  receiveQueue.clear();
+  timedOutMasters.clear();
+  if (enable) initMulticastSocket();
+}
+
+void MCAnnounceSlave::initMulticastSocket() {
+  bool ok = false;
+  socket = socketFactory();
+  if (!socket) {
+    ANNOUNCE_LOG(Error, "Failed to initialize multicast socket: Failed to create socket!");
+  } else if (!socket->open(multicastIp, multicastPort, SimpleIp(0u), 0, interface, true, true,
+                           false)) {
+    ANNOUNCE_LOG(Error, "Failed to initialize multicast socket: Failed to open socket!");
+  } else {
+    tavrinScheduler::IOWatchItem item;
+    item.fd = socket->getFd();
+    item.events = EPOLLIN;
+    item.callback = [this](int events) { return socketCallback(events); };
+    ioHandle = scheduler->addIOItem(item, DefaultOrigins::MCAnnounce);
+    ok = true;
+  }
+  if (!ok) {
+    ANNOUNCE_LOG(Error, "Failed to initialize multicast socket, disabling!");
+    setGeneralError(ErrorType::initializationFailed, "Failed to initialize multicast socket!");
+  }
+}
+
+void MCAnnounceSlave::setGeneralError(ErrorType::Type type, const std::string& text) {
+  ANNOUNCE_LOG(Error, "Error %d (%s): '%s'", static_cast<int>(type), ErrorType::getText(type),
+               text.c_str());
+  setEnabled(false);
+  errorCallback(type, text);
+}
+
+bool MCAnnounceSlave::addSupportedConnector(unsigned short version,
+                                            ConnectorInterfaceType::Type type) {
+  if (version != 0) return false;
+  supportedConnectors.emplace(version, type);
+  return true;
+}
+
+void MCAnnounceSlave::removeSupportedConnector(unsigned short version,
+                                               ConnectorInterfaceType::Type type) {
+  supportedConnectors.erase(std::make_pair(version, type));
+}
+
+bool MCAnnounceSlave::isConnectorSupported(unsigned short version,
+                                           ConnectorInterfaceType::Type type) const {
+  return supportedConnectors.count(std::make_pair(version, type)) != 0;
+}
+
+void MCAnnounceSlave::removeAnnouncements(unsigned id) {
+  for (auto& [endpoint, master] : masters) {
+    if (!master->data.removeAnnouncements(id)) continue;
+    ANNOUNCE_LOG(Detailed,
+                 "Remove master %s announcement %u with changeCount %u locally, reducing "
+                 "changeCount to %u",
+                 SimpleEndpoint::CharString(endpoint).c_str(), id, master->changeCount,
+                 master->changeCount - 1);
+    --master->changeCount;
+  }
+}
+
+MCAnnounceSlave::AddedCallback MCAnnounceSlave::getUnpackAnnouncementAddedCallback() {
+  return [this](const SingleAnnouncementData& announcement) {
+    if (isConnectorSupported(announcement.connectorVersion, announcement.connectorType)) {
+      announcementAdded(announcement);
+    }
+  };
+}
+
+tavrinScheduler::IOWatchItem::Result MCAnnounceSlave::socketCallback(int events) {
+  if ((events & EPOLLIN) == 0) return kKeepReading;
+  SimpleEndpoint sender;
+  std::unique_ptr<InputMessage> message;
+  if (!receivePacket(sender, message)) {
+    setGeneralError(ErrorType::socketError, "Failed to receive data, disabling!");
+    return tavrinScheduler::IOWatchItem::Removed;
+  }
+  if (!message) return kKeepReading;
+  if (message->verifyMessage()) {
+    receiveQueue.emplace_back(sender, std::move(message));
+    scheduler->addWorker(this);
+  } else {
+    ANNOUNCE_LOG(Debug, "Received invalid message from %s, ignoring!",
+                 SimpleEndpoint::CharString(sender).c_str());
+  }
+  return kKeepReading;
+}
+
+bool MCAnnounceSlave::receivePacket(SimpleEndpoint& sender, std::unique_ptr<InputMessage>& message) {
+  if (!socket || !socket->valid()) {
+    ANNOUNCE_LOG(Error, "Failed to receive data: Socket not initialized!");
+    return false;
+  }
+  const int length = socket->receiveFrom(sender, receiveBuffer, static_cast<int>(kReceiveBufferSize));
+  if (length < 0) {
+    const int error = errno;
+    ANNOUNCE_LOG(Error, "Failed to receive data: %d (%s)!", error, std::strerror(error));
+    return false;
+  }
+  if (length == 0) return true;
+  // The socket reports a datagram's real length even when only the buffer's worth was copied. No
+  // master sends more than the buffer holds, so a longer datagram is not ours: it is dropped
+  // rather than cut, since a cut frame could only fail verification or be misread.
+  if (static_cast<unsigned>(length) > kReceiveBufferSize) {
+    ANNOUNCE_LOG(Debug, "Received invalid message from %s (%d bytes, max %u), ignoring!",
+                 SimpleEndpoint::CharString(sender).c_str(), length, kReceiveBufferSize);
+    return true;
+  }
+  message = std::make_unique<InputMessage>(receiveBuffer, static_cast<unsigned>(length), false);
+  return true;
+}
+
+tavrinScheduler::Worker::Result MCAnnounceSlave::work() {
+  const tavrinCommon::MonotonicMs deadline = tavrinCommon::MonotonicMs() + kWorkerBudgetMs;
+  while (!receiveQueue.empty()) {
+    if (tavrinCommon::MonotonicMs() >= deadline) break;
+    auto entry = std::move(receiveQueue.front());
+    receiveQueue.pop_front();
+    if (entry.second) handlePacket(entry.first, *entry.second);
+  }
+  removeTimeoutedMasters();
+  if (receiveQueue.empty()) return Finished;
+  ANNOUNCE_LOG(Debug,
+               "Worker took more than %dms. Yielding execution and scheduling another run to "
+               "continue work (%zu messages remaining)",
+               kWorkerBudgetMs, receiveQueue.size());
+  return Continue;
+}
+
+void MCAnnounceSlave::handlePacket(const SimpleEndpoint& sender, InputMessage& message) {
+  const SimpleEndpoint::CharString senderText(sender);
+  const int frameLength = static_cast<int>(message.getLength());
+  if (message.getType() != TavrinConnectorMessageType::announce) {
+    ANNOUNCE_LOG(Debug, "Received non-announce message (type %u, %d bytes) from %s, ignoring!",
+                 static_cast<unsigned>(message.getType()), frameLength, senderText.c_str());
+    return;
+  }
+  message.reset();
+  const unsigned end = internal::payloadEnd(message);
+  const unsigned version = internal::readUInt16(message, end);
+  if (version != kOwnVersion) {
+    ANNOUNCE_LOG(Debug,
+                 "Received incompatible message (%d bytes) from %s (version %u, own: %u), "
+                 "ignoring!",
+                 frameLength, senderText.c_str(), version, kOwnVersion);
+    return;
+  }
+  const uint32_t messageNetworkId = internal::readUInt32(message, end);
+  if (messageNetworkId != networkId) {
+    ANNOUNCE_LOG(Debug,
+                 "Received message belonging to a different network from %s (networkId %u, own: "
+                 "%u), ignoring!",
+                 senderText.c_str(), messageNetworkId, networkId);
+    return;
+  }
+  const uint32_t changeCount = message.getAdditionalInfo();
+  auto found = masters.find(sender);
+  const bool isNew = found == masters.end();
+  if (isNew) {
+    auto master = std::make_unique<MasterEntry>(
+        scheduler, masterTimeout, [this, sender] { timeoutMaster(sender); }, logger);
+    master->changeCount = changeCount;
+    master->timer.start();
+    found = masters.emplace(sender, std::move(master)).first;
+  } else {
+    found->second->timer.start();
+    if (found->second->changeCount == changeCount) {
+      ANNOUNCE_LOG(Detailed,
+                   "Received message (%d bytes) with known changeCount (%u) from %s (version %u, "
+                   "own: %u), ignoring!",
+                   frameLength, changeCount, senderText.c_str(), kOwnVersion, kOwnVersion);
+      return;
+    }
+    ANNOUNCE_LOG(Detailed,
+                 "Received message (%d bytes) with unknown changeCount %u (own: %u) from %s "
+                 "(version %u, own: %u), taking over data",
+                 frameLength, changeCount, found->second->changeCount, senderText.c_str(),
+                 kOwnVersion, kOwnVersion);
+    found->second->changeCount = changeCount;
+  }
+  found->second->data.unpack(networkId, message, getUnpackAnnouncementAddedCallback());
+  // The added callback may have disabled the slave or otherwise dropped the master.
+  found = masters.find(sender);
+  if (found == masters.end()) return;
+  const MCAnnounceData& data = found->second->data;
+  if (isNew) {
+    ANNOUNCE_LOG(Debug, "Added new master: IP %s, NetworkId %u, DeviceId %u ('%s')",
+                 senderText.c_str(), data.getNetworkId(), data.getDeviceId(),
+                 data.getDeviceName().c_str());
+  }
+  if (!data.announcementsPresent()) {
+    ANNOUNCE_LOG(Debug, "Removing master %s (no announcements)", senderText.c_str());
+    masters.erase(found);
+  }
+}
+
+void MCAnnounceSlave::timeoutMaster(const SimpleEndpoint& endpoint) {
+  timedOutMasters.insert(endpoint);
+  scheduler->addWorker(this);
+}
+
+void MCAnnounceSlave::removeTimeoutedMasters() {
+  for (const SimpleEndpoint& endpoint : timedOutMasters) {
+    auto found = masters.find(endpoint);
+    // A message handled since the timer fired has restarted it, which clears the fired flag.
+    if (found == masters.end() || !found->second->timer.hasFired()) continue;
+    ANNOUNCE_LOG(Debug, "Removing master %s (timeout)", SimpleEndpoint::CharString(endpoint).c_str());
+    masters.erase(found);
+  }
+  timedOutMasters.clear();
+}
+
+MCAnnounceData::ConnectorFilter MCAnnounceSlave::connectorFilter(
+    const ClusterFilter& clusterFilter) const {
+  return [this, &clusterFilter](ConnectorInterfaceType::Type type, unsigned short version,
+                                unsigned clusterId) {
+    return isConnectorSupported(version, type) && (!clusterFilter || clusterFilter(clusterId));
+  };
+}
+
+void MCAnnounceSlave::collect(const AnnouncementFilter& announcementFilter,
+                              const ClusterFilter& clusterFilter,
+                              std::vector<SingleAnnouncementData>& out) const {
+  const MCAnnounceData::ConnectorFilter filter = connectorFilter(clusterFilter);
+  for (const auto& [endpoint, master] : masters) {
+    master->data.getAnnouncements(true, announcementFilter, filter, out);
+  }
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(
+    const AnnouncementFilter& announcementFilter, const ClusterFilter& clusterFilter) const {
+  std::vector<SingleAnnouncementData> out;
+  collect(announcementFilter, clusterFilter, out);
+  return out;
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(unsigned clusterId,
+                                                                      unsigned id,
+                                                                      unsigned short type) const {
+  return getAnnouncements(
+      [id, type](unsigned announcementId, unsigned short announcementType) {
+        return announcementId == id && announcementType == type;
+      },
+      [clusterId](unsigned cluster) { return cluster == clusterId; });
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(unsigned clusterId,
+                                                                      unsigned id) const {
+  return getAnnouncements([id](unsigned announcementId, unsigned short) { return announcementId == id; },
+                          [clusterId](unsigned cluster) { return cluster == clusterId; });
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getTypeAnnouncements(
+    unsigned clusterId, unsigned short type) const {
+  return getAnnouncements(
+      [type](unsigned, unsigned short announcementType) { return announcementType == type; },
+      [clusterId](unsigned cluster) { return cluster == clusterId; });
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getTypeAnnouncements(
+    unsigned clusterId, const std::function<bool(unsigned short)>& typeFilter) const {
+  return getAnnouncements(
+      [&typeFilter](unsigned, unsigned short announcementType) { return typeFilter(announcementType); },
+      [clusterId](unsigned cluster) { return cluster == clusterId; });
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(unsigned clusterId) const {
+  return getAnnouncements([](unsigned, unsigned short) { return true; },
+                          [clusterId](unsigned cluster) { return cluster == clusterId; });
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnyClusterAnnouncements(
+    unsigned id, unsigned short type) const {
+  return getAnnouncements([id, type](unsigned announcementId, unsigned short announcementType) {
+    return announcementId == id && announcementType == type;
+  });
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnyClusterAnnouncements(unsigned id) const {
+  return getAnnouncements(
+      [id](unsigned announcementId, unsigned short) { return announcementId == id; });
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnyClusterTypeAnnouncements(
+    unsigned short type) const {
+  return getAnnouncements(
+      [type](unsigned, unsigned short announcementType) { return announcementType == type; });
+}
+
+std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnyClusterAnnouncements() const {
+  return getAnnouncements([](unsigned, unsigned short) { return true; });
+}
+
+std::unique_ptr<SingleAnnouncementData> MCAnnounceSlave::getSingleAnnouncement(
+    const AnnouncementFilter& announcementFilter, const ClusterFilter& clusterFilter) const {
+  const MCAnnounceData::ConnectorFilter filter = connectorFilter(clusterFilter);
+  for (const auto& [endpoint, master] : masters) {
+    auto found = master->data.getSingleAnnouncement(true, announcementFilter, filter);
+    if (found) return found;
+  }
+  return nullptr;
+}
+
+std::unique_ptr<SingleAnnouncementData> MCAnnounceSlave::getSingleAnnouncement(
+    unsigned clusterId, unsigned id, unsigned short type) const {
+  return getSingleAnnouncement(
+      [id, type](unsigned announcementId, unsigned short announcementType) {
+        return announcementId == id && announcementType == type;
+      },
+      [clusterId](unsigned cluster) { return cluster == clusterId; });
+}
+
+void MCAnnounceSlave::dump(std::ostream& out, const char* prefix) const {
+  out << prefix << "MC Announce Client:\n";
+  out << prefix << "  NetworkId: " << networkId << "\n";
+  out << prefix << "  Interface: '" << interface << "'\n";
+  out << prefix << "  MC group: " << SimpleIp::CharString(multicastIp).c_str() << ":"
+      << multicastPort << "\n";
+  out << prefix << "  Socket: ";
+  if (!socket) {
+    out << "not present\n";
+  } else if (!socket->valid()) {
+    out << "invalid\n";
+  } else {
+    out << socket->getFd() << "\n";
+  }
+  out << prefix << "  Enabled: " << yesNo(enabled) << "\n";
+  out << prefix << "  Receive Queue: " << receiveQueue.size() << " entries\n";
+  out << prefix << "  Supported Connectors (" << supportedConnectors.size() << "):\n";
+  for (const auto& [version, type] : supportedConnectors) {
+    out << prefix << "    " << ConnectorInterfaceType::getText(static_cast<long>(type))
+        << ": Version " << version << "\n";
+  }
+  out << prefix << "  --- (" << supportedConnectors.size() << " connectors) ---\n";
+  out << prefix << "  Masters (" << masters.size();
+  if (!timedOutMasters.empty()) out << ", timed out: " << timedOutMasters.size();
+  out << "):\n";
+  const std::string inner = std::string(prefix) + "      ";
+  for (const auto& [endpoint, master] : masters) {
+    out << prefix << "    " << SimpleEndpoint::CharString(endpoint).c_str()
+        << " (timeout expired: " << yesNo(master->timer.hasFired())
+        << ", changeCount: " << master->changeCount << "):\n";
+    master->data.dump(out, inner.c_str());
+  }
+  out << prefix << "  --- (" << masters.size() << " masters) ---\n";
+}
+
+}  // namespace tavrinConnector

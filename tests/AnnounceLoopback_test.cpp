@@ -1,0 +1,155 @@
+// An announce master and an announce slave on real multicast sockets, both on interface lo, the
+// master bound to 127.0.0.1 with TTL 0 and multicast loop on, so nothing leaves the machine.
+#include "tavrincommon/connector/MCAnnounceMaster.h"
+#include "tavrincommon/connector/MCAnnounceSlave.h"
+#include "tavrincommon/network/MulticastSocket.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/RunUntil.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace tavrinConnector {
+namespace {
+
+using namespace std::chrono_literals;
+using tavrinNetwork::SimpleEndpoint;
+using tavrinNetwork::SimpleIp;
+using tavrinTesting::runFor;
+using tavrinTesting::runUntil;
+
+const SimpleIp kLoopback("127.0.0.1");
+const SimpleEndpoint kConnector(SimpleIp("127.0.0.1"), 7000);
+
+// Whether this machine delivers multicast over lo at all, found out with plain system calls so
+// that a fault of the classes under test is never taken for a missing capability.
+bool loopbackDeliversMulticast(const SimpleIp& group, unsigned short port) {
+  const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const int one = 1;
+  const unsigned char ttl = 0;
+  const SimpleEndpoint groupEndpoint(group, port);
+  const SimpleEndpoint local(kLoopback, 0);
+  ip_mreqn request{};
+  request.imr_multiaddr.s_addr = group.getIp();
+  request.imr_address.s_addr = kLoopback.getIp();
+  request.imr_ifindex = static_cast<int>(if_nametoindex("lo"));
+  pollfd entry{receiver, POLLIN, 0};
+  const bool delivered =
+      receiver >= 0 && sender >= 0 &&
+      setsockopt(receiver, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == 0 &&
+      bind(receiver, groupEndpoint.sockAddr(), SimpleEndpoint::kSockAddrLength) == 0 &&
+      setsockopt(receiver, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0 &&
+      bind(sender, local.sockAddr(), SimpleEndpoint::kSockAddrLength) == 0 &&
+      setsockopt(sender, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl) == 0 &&
+      sendto(sender, "probe", 5, 0, groupEndpoint.sockAddr(), SimpleEndpoint::kSockAddrLength) ==
+          5 &&
+      poll(&entry, 1, 2000) == 1;
+  if (receiver >= 0) ::close(receiver);
+  if (sender >= 0) ::close(sender);
+  return delivered;
+}
+
+class AnnounceLoopbackTest : public ::testing::Test {
+ protected:
+  // One group and port per test, so that tests running in parallel never hear each other.
+  void start(unsigned groupIndex, int sendInterval, int masterTimeout) {
+    group = SimpleIp(("239.255.94." + std::to_string(groupIndex)).c_str());
+    port = static_cast<unsigned short>(24000 + groupIndex);
+    if (!loopbackDeliversMulticast(group, port)) {
+      skipped = true;
+      return;
+    }
+    tavrinLog::TavrinLogging* logging = log.logging();
+    master = std::make_unique<MCAnnounceMaster>(
+        &scheduler,
+        [logging]() -> std::unique_ptr<tavrinNetwork::MulticastSocketInterface> {
+          return std::make_unique<tavrinNetwork::MulticastSocket>(logging);
+        },
+        sendInterval, logging);
+    master->setErrorCallback([this](ErrorType::Type, const std::string& text) { errors.push_back(text); });
+    master->init(1, 2, "panel", group, port, kLoopback, 0, "lo", true);
+    master->setMulticastTtl(0);
+    slave = std::make_unique<MCAnnounceSlave>(
+        &scheduler,
+        [logging]() -> std::unique_ptr<tavrinNetwork::MulticastSocketInterface> {
+          return std::make_unique<tavrinNetwork::MulticastSocket>(logging);
+        },
+        masterTimeout, logging);
+    slave->setCallbacks([this](const SingleAnnouncementData& a) { added.push_back(a); },
+                        [this](ErrorType::Type, const std::string& text) { errors.push_back(text); });
+    slave->init(1, group, port, "lo");
+    slave->addSupportedConnector(0, ConnectorInterfaceType::Client);
+    slave->setEnabled(true);
+    master->setEnabled(true);
+    master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, kConnector);
+    master->addAnnouncement(3, 7, 5, "x", true);
+  }
+  void TearDown() override {
+    slave.reset();
+    master.reset();
+  }
+
+  tavrinTesting::LogCapture log;
+  tavrinScheduler::Scheduler scheduler{log.logging()};
+  SimpleIp group;
+  unsigned short port = 0;
+  bool skipped = false;
+  std::unique_ptr<MCAnnounceMaster> master;
+  std::unique_ptr<MCAnnounceSlave> slave;
+  std::vector<SingleAnnouncementData> added;
+  std::vector<std::string> errors;
+};
+
+#define SKIP_WITHOUT_LOOPBACK_MULTICAST()                                                   \
+  if (skipped) GTEST_SKIP() << "This machine does not deliver multicast on interface lo; " \
+                               "the loopback announce tests cannot run here."
+
+TEST_F(AnnounceLoopbackTest, SlaveLearnsTheAnnouncementAndThePeriodicMessagesKeepTheMaster) {
+  start(1, 100, 500);
+  SKIP_WITHOUT_LOOPBACK_MULTICAST();
+  ASSERT_TRUE(runUntil(scheduler, [&] { return !added.empty(); }, 5s)) << log.text();
+  EXPECT_EQ(added[0], SingleAnnouncementData(ConnectorInterfaceType::Client, 0, 4, kConnector, 7,
+                                             5, "x"));
+  auto found = slave->getSingleAnnouncement(4, 7, 5);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->connectorEndpoint, kConnector);
+  ASSERT_EQ(slave->getMasters().size(), 1u);
+  EXPECT_EQ(slave->getMasters().begin()->first.getIp(), kLoopback);
+
+  // Periodic repeats every 100 ms keep a master with a 500 ms timeout alive, and report nothing.
+  runFor(scheduler, 1200ms);
+  EXPECT_EQ(slave->getMasters().size(), 1u);
+  EXPECT_EQ(added.size(), 1u);
+  EXPECT_TRUE(errors.empty()) << log.text();
+}
+
+TEST_F(AnnounceLoopbackTest, ChangesArriveAndDisablingTheMasterWithdrawsItAtOnce) {
+  start(2, 10000, 20100);
+  SKIP_WITHOUT_LOOPBACK_MULTICAST();
+  ASSERT_TRUE(runUntil(scheduler, [&] { return added.size() == 1; }, 5s)) << log.text();
+  master->addAnnouncement(3, 8, 5, "y", true);
+  ASSERT_TRUE(runUntil(scheduler, [&] { return added.size() == 2; }, 5s)) << log.text();
+  EXPECT_EQ(added[1].announcementId, 8u);
+  EXPECT_EQ(slave->getAnyClusterAnnouncements().size(), 2u);
+
+  // Far sooner than the 20 s master timeout.
+  master->setEnabled(false);
+  ASSERT_TRUE(runUntil(scheduler, [&] { return slave->getMasters().empty(); }, 3s)) << log.text();
+  EXPECT_TRUE(log.contains("(no announcements)"));
+  EXPECT_TRUE(errors.empty()) << log.text();
+}
+
+}  // namespace
+}  // namespace tavrinConnector

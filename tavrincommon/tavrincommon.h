@@ -80,3 +80,6 @@
 #include "tavrincommon/connector/TCPConnectorMasterInterface.h"
 #include "tavrincommon/connector/TCPConnectorSlave.h"
 #include "tavrincommon/connector/TCPTransceiver.h"
+#include "tavrincommon/connector/TestCounterData.h"
+#include "tavrincommon/connector/TestCounterHandler.h"
+#include "tavrincommon/connector/simpleConnector/SimpleConnectorHandler.h"

@@ -409,16 +409,6 @@ TEST_F(MasterSlaveTest, KeepAliveClosesAPeerThatFallsSilent) {
   EXPECT_EQ(slave.record->lastOf("disconnected").reason, DisconnectReason::connectionInterrupted);
 }
 
-TEST_F(MasterSlaveTest, KeepAlivesKeepAQuietConnectionOpen) {
-  startMaster(false, false, ConnectionTimeout{2, 1});
-  Slave& slave = addSlave(kSlaveDevice, ConnectionTimeout{2, 1});
-  connectPair(slave, 12, 7);
-  tavrinTesting::runFor(scheduler, 4500ms);
-  EXPECT_EQ(masterRecord->count("disconnected"), 0u) << log.text();
-  ASSERT_NE(slave.handler(7), nullptr);
-  EXPECT_TRUE(slave.handler(7)->isConnected());
-}
-
 TEST_F(MasterSlaveTest, DisablingRejectsPendingAndEndsActiveConnections) {
   startMaster();
   Slave& slave = addSlave();

@@ -98,14 +98,6 @@ TEST_F(ConnectionHandlerBaseTest, ConnectedStoresTheConnectionAndDisconnectedCle
   EXPECT_EQ(handler.seenInDisconnected.size(), 1u);
 }
 
-TEST_F(ConnectionHandlerBaseTest, EmptyFunctionsAreReplacedByHarmlessOnes) {
-  handler.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, nullptr, {}, {});
-  handler.requestDisconnect(1);
-  handler.setFunctionsSafely({}, {});
-  handler.requestDisconnect(1);
-  SUCCEED();
-}
-
 TEST_F(ConnectionHandlerBaseTest, MoveIsIgnoredUnlessTheHandlerAllowsIt) {
   connect();
   handler.moveConnection(

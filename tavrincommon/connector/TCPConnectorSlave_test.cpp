@@ -233,6 +233,29 @@ TEST_F(TCPConnectorSlaveTest, RejectsAndLocalDisconnectsEndPendingRequests) {
   EXPECT_EQ(rejections.size(), 2u);
 }
 
+TEST_F(TCPConnectorSlaveTest, RejectedCallbacksMayChangeThePendingTableWhileItIsWalked) {
+  bool retried = false;
+  slave.addConnectionRejectedCallback(
+      5, [&](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason, unsigned remote,
+             unsigned short, const CustomConnectData*) {
+        rejections.push_back({cluster, id, reason, remote, false});
+        if (id != 1 || retried) return;
+        retried = true;
+        slave.disconnect(2, 9);                          // another request, not walked yet
+        EXPECT_TRUE(slave.connect(master, 8, 5, 20, 1, nullptr));  // the id just freed
+      });
+  for (unsigned id : {1u, 2u, 3u}) ASSERT_TRUE(slave.connect(master, 8, 5, 10 + id, id, nullptr));
+  slave.setEnabled(false);
+  std::vector<std::pair<unsigned, int>> seen;
+  for (const Rejection& r : rejections) seen.emplace_back(r.connectionId, r.reason);
+  // The retry is ended with the TCP connection it went out on.
+  const std::vector<std::pair<unsigned, int>> expected = {{1, -1}, {2, 9}, {3, -1}, {1, -1}};
+  EXPECT_EQ(seen, expected);
+  EXPECT_EQ(slave.getPendingConnectionCount(), 0u);
+  EXPECT_EQ(slave.getTCPConnectionCount(), 0u);
+  EXPECT_FALSE(slave.isActive());
+}
+
 TEST_F(TCPConnectorSlaveTest, IdsAndHandlerRegistryFollowTheActiveAndPendingTables) {
   EXPECT_FALSE(slave.verifyFreeConnectionId(0));
   EXPECT_FALSE(slave.verifyFreeConnectionId(0xFFFFFFFFu));

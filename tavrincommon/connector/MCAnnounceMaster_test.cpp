@@ -39,6 +39,17 @@ unsigned connectorCountOf(const std::string& frame) {
   return static_cast<unsigned char>(frame[at]) | (static_cast<unsigned char>(frame[at + 1]) << 8);
 }
 
+// Keeps what was sent where it outlives the socket, which the master destroys when disabled.
+struct RecordingSocket : FakeMulticastSocket {
+  explicit RecordingSocket(std::vector<FakeMulticastSocket::Sent>& out_) : out(out_) {}
+  int sendTo(const SimpleEndpoint& to, const void* data, int length) override {
+    const int result = FakeMulticastSocket::sendTo(to, data, length);
+    if (result >= 0) out.push_back(sent.back());
+    return result;
+  }
+  std::vector<FakeMulticastSocket::Sent>& out;
+};
+
 class MCAnnounceMasterTest : public ::testing::Test {
  protected:
   void make(int sendInterval) {
@@ -47,7 +58,7 @@ class MCAnnounceMasterTest : public ::testing::Test {
         [this]() -> std::unique_ptr<tavrinNetwork::MulticastSocketInterface> {
           ++created;
           if (factoryFails) return nullptr;
-          auto socket = std::make_unique<FakeMulticastSocket>();
+          auto socket = std::make_unique<RecordingSocket>(frames);
           socket->openResult = openResult;
           socket->dscpResult = dscpResult;
           socket->ttlResult = ttlResult;
@@ -65,7 +76,7 @@ class MCAnnounceMasterTest : public ::testing::Test {
     master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, kConnector);
     master->addAnnouncement(3, 7, 5, "x", true);
   }
-  std::vector<FakeMulticastSocket::Sent>& sent() { return fake->sent; }
+  std::vector<FakeMulticastSocket::Sent>& sent() { return frames; }
   void turn() { scheduler.run(0); }
 
   tavrinTesting::LogCapture log;
@@ -76,6 +87,7 @@ class MCAnnounceMasterTest : public ::testing::Test {
   bool ttlResult = true;
   int created = 0;
   FakeMulticastSocket* fake = nullptr;
+  std::vector<FakeMulticastSocket::Sent> frames;
   std::vector<std::pair<ErrorType::Type, std::string>> errors;
   std::unique_ptr<MCAnnounceMaster> master;
 };
@@ -136,60 +148,29 @@ TEST_F(MCAnnounceMasterTest, DisablingSaysFarewellOnlyWhenAnnouncingAndReenablin
   master->setEnabled(true);
   master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, kConnector);
   turn();
-  EXPECT_TRUE(sent().empty());
   master->setEnabled(false);
-  EXPECT_EQ(master->getChangeCount(), 0u);
+  EXPECT_TRUE(sent().empty());
   EXPECT_TRUE(master->getData().getConnectors().empty());
 
   announce();
   turn();
-  ASSERT_EQ(sent().size(), 1u);
-  EXPECT_EQ(changeCountOf(sent()[0].bytes), 1u);
   master->setEnabled(false);
-  EXPECT_FALSE(master->isEnabled());
-  EXPECT_EQ(master->getChangeCount(), 2u);
-  EXPECT_EQ(created, 2);
+  ASSERT_EQ(sent().size(), 2u);
+  EXPECT_EQ(changeCountOf(sent()[1].bytes), 2u);
+  EXPECT_EQ(connectorCountOf(sent()[1].bytes), 0u);
+  EXPECT_EQ(sent()[1].bytes.size(), 11u + 2 + 4 + 4 + 3 + 2);
 
+  // Enabling again starts from empty data and the next change count; destroying an announcing
+  // master says farewell too.
   announce();
   EXPECT_EQ(master->getData().getConnectors().size(), 1u);
   turn();
-  ASSERT_EQ(sent().size(), 1u);
-  EXPECT_EQ(changeCountOf(sent()[0].bytes), 3u);  // 2 was the farewell
-}
-
-TEST_F(MCAnnounceMasterTest, FarewellMessageHasNoConnectors) {
-  make(10000);
-  std::vector<std::string> frames;
-  master = std::make_unique<MCAnnounceMaster>(
-      &scheduler,
-      [&frames]() -> std::unique_ptr<tavrinNetwork::MulticastSocketInterface> {
-        // A fake that copies every frame out, since the master destroys it when disabled.
-        struct Recording : FakeMulticastSocket {
-          explicit Recording(std::vector<std::string>& out_) : out(out_) {}
-          int sendTo(const SimpleEndpoint& to, const void* data, int length) override {
-            out.emplace_back(static_cast<const char*>(data), static_cast<size_t>(length));
-            return FakeMulticastSocket::sendTo(to, data, length);
-          }
-          std::vector<std::string>& out;
-        };
-        return std::make_unique<Recording>(frames);
-      },
-      10000, log.logging());
-  master->init(1, 2, "AB", kGroup, 4000, SimpleIp("127.0.0.1"), 4001, "lo", true);
-  announce();
-  turn();
-  master->setEnabled(false);
-  ASSERT_EQ(frames.size(), 2u);
-  EXPECT_EQ(changeCountOf(frames[1]), 2u);
-  EXPECT_EQ(connectorCountOf(frames[1]), 0u);
-  EXPECT_EQ(frames[1].size(), 11u + 2 + 4 + 4 + 3 + 2);
-
-  // Destroying an announcing master says farewell too.
-  announce();
-  turn();
+  ASSERT_EQ(sent().size(), 3u);
+  EXPECT_EQ(changeCountOf(sent()[2].bytes), 3u);
   master.reset();
-  ASSERT_EQ(frames.size(), 4u);
-  EXPECT_EQ(connectorCountOf(frames[3]), 0u);
+  ASSERT_EQ(sent().size(), 4u);
+  EXPECT_EQ(connectorCountOf(sent()[3].bytes), 0u);
+  EXPECT_EQ(created, 3);
 }
 
 TEST_F(MCAnnounceMasterTest, MessageOf61440BytesIsSentOneByteMoreIsAnError) {
@@ -199,7 +180,9 @@ TEST_F(MCAnnounceMasterTest, MessageOf61440BytesIsSentOneByteMoreIsAnError) {
   const auto fill = [this](size_t lastNameLength) {
     master->setEnabled(true);
     master->addConnector(1, ConnectorInterfaceType::Client, 0, 4, kConnector);
-    for (unsigned id = 0; id < 232; ++id) master->addAnnouncement(1, id, 0, std::string(255, 'n'), true);
+    for (unsigned id = 0; id < 232; ++id) {
+      master->addAnnouncement(1, id, 0, std::string(255, 'n'), true);
+    }
     master->addAnnouncement(1, 1000, 0, std::string(lastNameLength, 'n'), true);
   };
   fill(135);
@@ -305,25 +288,14 @@ TEST_F(MCAnnounceMasterTest, GroupAndBindAddressChangesRestartTheSocket) {
 TEST_F(MCAnnounceMasterTest, DumpShowsSettingsStateAndData) {
   make(10000);
   master->setEnabled(true);
-  master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, kConnector);
   std::ostringstream out;
   master->dump(out, "# ");
   EXPECT_EQ(out.str(),
-            "# MC Announce Master:\n"
-            "#   IP: 127.0.0.1:4001\n"
-            "#   Interface: 'lo'\n"
-            "#   MC group: 239.255.77.1:4000\n"
-            "#   Enabled: yes\n"
-            "#   DSCP: 0\n"
-            "#   MC TTL: 1\n"
-            "#   modified: yes\n"
-            "#   changeCount: 0\n"
-            "#   emptyAnnouncementSent: yes\n"
-            "#   NetworkId: 1\n"
-            "#   DeviceId: 2 ('AB')\n"
-            "#   Connectors (1):\n"
-            "#     3: Client (IP 192.168.1.10:5000, version 0, clusterId 4, no announcements)\n"
-            "#   --- Connectors (1) ---\n");
+            "# MC Announce Master:\n#   IP: 127.0.0.1:4001\n#   Interface: 'lo'\n"
+            "#   MC group: 239.255.77.1:4000\n#   Enabled: yes\n#   DSCP: 0\n#   MC TTL: 1\n"
+            "#   modified: yes\n#   changeCount: 0\n#   emptyAnnouncementSent: yes\n"
+            "#   NetworkId: 1\n#   DeviceId: 2 ('AB')\n#   Connectors (0):\n"
+            "#   --- Connectors (0) ---\n");
   EXPECT_TRUE(log.contains("Debug: Initialized MCAnnounce master on Device 2 (0x00000002): 'AB', "
                            "NetworkId 1, IP: 127.0.0.1:4001 (interface 'lo'), MC group: "
                            "239.255.77.1:4000"));

@@ -41,7 +41,9 @@ bool parseUnsigned(const std::string& text, unsigned long max, unsigned long& ou
   if (text.empty() || text[0] == '-' || text[0] == '+') return false;
   char* end = nullptr;
   errno = 0;
-  const unsigned long long value = std::strtoull(text.c_str(), &end, 0);
+  // Decimal, or hexadecimal with 0x: a leading zero does not make a port octal.
+  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const unsigned long long value = std::strtoull(text.c_str(), &end, hex ? 16 : 10);
   if (errno != 0 || *end != '\0' || value > max) return false;
   out = static_cast<unsigned long>(value);
   return true;

@@ -29,7 +29,7 @@ struct DemoSettings {
   int timeoutSeconds = 10;
   // Master role alone: 0 runs until SIGINT or SIGTERM.
   int durationSeconds = 0;
-  tavrinTools::LogLevels levels{tavrinLog::SeverityLevel::Info};
+  tavrinTools::LogLevels levels{tavrinLog::SeverityLevel::Service};
 };
 
 // The master's connector and what it announces under it.

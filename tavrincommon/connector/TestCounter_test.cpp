@@ -44,7 +44,8 @@ class TestCounterTest : public ::testing::Test {
   Payloads sent;
   std::vector<int> disconnects;
   TestCounterData data{nullptr, nullptr};
-  std::unique_ptr<TestCounterHandler> handler = std::make_unique<TestCounterHandler>(nullptr, nullptr);
+  std::unique_ptr<TestCounterHandler> handler =
+      std::make_unique<TestCounterHandler>(nullptr, nullptr);
 };
 
 TEST_F(TestCounterTest, SendsChangesOnlyAndDestroyingTheHandlerDisconnectsAndClearsTheData) {
@@ -55,14 +56,16 @@ TEST_F(TestCounterTest, SendsChangesOnlyAndDestroyingTheHandlerDisconnectsAndCle
   data.setCounter(0);
   data.setName(std::string("ab\0c", 4));
   handler->receive(frame(std::string("\x03\x02\0\0\0\x01r", 7)));
-  EXPECT_EQ(sent, (Payloads{"\x04", std::string("\x03\x05\0\0\0\0", 6),
-                            std::string("\x01\0\0\0\0", 5), "\x02\x02" "ab"}));
+  EXPECT_EQ(sent,
+            (Payloads{"\x04", std::string("\x03\x05\0\0\0\0", 6), std::string("\x01\0\0\0\0", 5),
+                      std::string{'\x02', '\x02', 'a', 'b'}}));
   handler.reset();
   EXPECT_EQ(disconnects, std::vector<int>{0});
   std::ostringstream os;
   data.dump(os, "> ");
-  EXPECT_EQ(os.str(), "> Name: 'ab\0c'\n> Counter: 0\n> No handler linked\n>   RemoteName: ''\n"
-                      ">   RemoteCounter: invalid\n"s);
+  EXPECT_EQ(os.str(),
+            "> Name: 'ab\0c'\n> Counter: 0\n> No handler linked\n>   RemoteName: ''\n"
+            ">   RemoteCounter: invalid\n"s);
 }
 
 TEST_F(TestCounterTest, AppliesAReceivedMessageOnlyWhenItIsWhole) {

@@ -31,7 +31,8 @@ using internal::payloadLeft;
 SimpleConnectorHandler::SimpleConnectorHandler(unsigned short version_, AcceptCallback accept,
                                                StateCallback state, DataCallback data,
                                                tavrinLog::TavrinLogging* logger_)
-    : version(static_cast<unsigned short>(version_ & kVersionMask)), logger(logger_),
+    : version(static_cast<unsigned short>(version_ & kVersionMask)),
+      logger(logger_),
       maxFrameLength(TCPTransceiver::kDefaultMaxFrameLength) {
   setCallbacks(std::move(accept), std::move(state), std::move(data));
 }
@@ -90,8 +91,9 @@ void SimpleConnectorHandler::disconnect() {
 
 std::string SimpleConnectorHandler::getLogPrefix(unsigned int connectionId_) const {
   char text[160];
-  std::snprintf(text, sizeof text, "SimpleConnectorHandler %u (remote: %u @ 0x%08X (%s)): ",
-                connectionId_, remoteConnectionId, remoteDeviceId,
+  std::snprintf(text, sizeof text,
+                "SimpleConnectorHandler %u (remote: %u @ 0x%08X (%s)): ", connectionId_,
+                remoteConnectionId, remoteDeviceId,
                 tavrinNetwork::SimpleEndpoint::CharString(remoteEndpoint).c_str());
   return text;
 }

@@ -23,14 +23,13 @@ namespace simpleConnector {
 class SimpleConnectorHandler : public ConnectionHandlerBase {
  public:
   // Returns false to end the connection just established (reason noConnectionHandler).
-  using AcceptCallback = std::function<bool(tavrinNetwork::SimpleIp remoteIp,
-                                            unsigned int remoteConnectionId,
-                                            unsigned int connectionId,
-                                            SimpleConnectorHandler* handler)>;
+  using AcceptCallback =
+      std::function<bool(tavrinNetwork::SimpleIp remoteIp, unsigned int remoteConnectionId,
+                         unsigned int connectionId, SimpleConnectorHandler* handler)>;
   // `reason`: a DisconnectReason code, or the positive code of whoever asked for the end.
-  using StateCallback = std::function<void(tavrinNetwork::SimpleIp remoteIp,
-                                           unsigned int remoteConnectionId,
-                                           unsigned int connectionId, int reason)>;
+  using StateCallback =
+      std::function<void(tavrinNetwork::SimpleIp remoteIp, unsigned int remoteConnectionId,
+                         unsigned int connectionId, int reason)>;
   using DataCallback = std::function<void(
       tavrinNetwork::SimpleIp remoteIp, unsigned int remoteConnectionId, unsigned int connectionId,
       std::unique_ptr<std::vector<unsigned char>>&& data)>;

@@ -58,8 +58,11 @@
 #include "tavrincommon/network/UDPSocketInterface.h"
 
 // tavrinConnector
+#include "tavrincommon/connector/ConnectionHandlerBase.h"
 #include "tavrincommon/connector/ConnectionHandlerType.h"
+#include "tavrincommon/connector/ConnectionTimeout.h"
 #include "tavrincommon/connector/ConnectorInterfaceType.h"
+#include "tavrincommon/connector/CustomConnectData.h"
 #include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/connector/ErrorType.h"
 #include "tavrincommon/connector/TavrinConnectorMessageType.h"
@@ -72,4 +75,11 @@
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/connector/SingleAnnouncementData.h"
 #include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/connector/TCPConnectorBase.h"
+#include "tavrincommon/connector/TCPConnectorMaster.h"
+#include "tavrincommon/connector/TCPConnectorMasterInterface.h"
+#include "tavrincommon/connector/TCPConnectorSlave.h"
 #include "tavrincommon/connector/TCPTransceiver.h"
+#include "tavrincommon/connector/TestCounterData.h"
+#include "tavrincommon/connector/TestCounterHandler.h"
+#include "tavrincommon/connector/simpleConnector/SimpleConnectorHandler.h"

@@ -1,0 +1,162 @@
+#include "tavrincommon/connector/ConnectionHandlerBase.h"
+
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/OutputMessage.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace tavrinConnector {
+namespace {
+
+using tavrinNetwork::SimpleEndpoint;
+using tavrinNetwork::SimpleIp;
+
+struct Tag : CustomConnectData {
+  explicit Tag(int* destroyed_) : destroyed(destroyed_) {}
+  ~Tag() override { ++*destroyed; }
+  int* destroyed;
+};
+
+class Handler : public ConnectionHandlerBase {
+ public:
+  void receive(std::unique_ptr<InputMessage>&&) override {}
+  unsigned short getType() const override { return 5; }
+  unsigned short getVersion() const override { return 2; }
+  bool moveConnectionAllowed() const override { return allowMove; }
+
+  bool allowMove = false;
+  int inits = 0;
+  int connects = 0;
+  int moves = 0;
+  std::vector<std::string> seenInDisconnected;
+
+ protected:
+  void specificInit() override { ++inits; }
+  void specificConnected() override { ++connects; }
+  void specificDisconnected(unsigned int id, int reason, bool last) override {
+    std::ostringstream out;
+    out << id << "/" << reason << "/" << last << "/" << isConnected() << "/"
+        << getRemoteConnectionId() << "/" << getRemoteDeviceId();
+    seenInDisconnected.push_back(out.str());
+  }
+  void specificConnectionMoved(bool) override { ++moves; }
+};
+
+class ConnectionHandlerBaseTest : public ::testing::Test {
+ protected:
+  void connect(unsigned int id = 12) {
+    handler.connected(
+        8, id, true, 40, 0x1234, SimpleEndpoint(SimpleIp("127.0.0.1"), 5000), false, nullptr,
+        [this](std::unique_ptr<OutputMessage>&&) { ++sent; },
+        [this](int reason) { disconnectReasons.push_back(reason); });
+  }
+
+  Handler handler;
+  int sent = 0;
+  std::vector<int> disconnectReasons;
+};
+
+TEST_F(ConnectionHandlerBaseTest, ConnectedStoresTheConnectionAndDisconnectedClearsIt) {
+  handler.init(true);
+  EXPECT_EQ(handler.inits, 1);
+  EXPECT_FALSE(handler.isConnected());
+  connect();
+  ASSERT_TRUE(handler.isConnected());
+  EXPECT_EQ(handler.connects, 1);
+  EXPECT_EQ(handler.getClusterId(), 8u);
+  EXPECT_EQ(handler.getConnectionId(), 12u);
+  EXPECT_TRUE(handler.isAutomatic());
+  EXPECT_EQ(handler.getRemoteEndpoint().toString(), "127.0.0.1:5000");
+
+  // A second connected changes nothing.
+  handler.connected(9, 13, false, 41, 1, SimpleEndpoint(), false, nullptr, {}, {});
+  EXPECT_EQ(handler.getConnectionId(), 12u);
+  EXPECT_EQ(handler.connects, 1);
+
+  handler.requestDisconnect(3);
+  EXPECT_EQ(disconnectReasons, std::vector<int>{3});
+
+  handler.disconnected(-4, true);
+  ASSERT_EQ(handler.seenInDisconnected.size(), 1u);
+  // Inside the hook the connection is already ended but the remote ids are still there.
+  EXPECT_EQ(handler.seenInDisconnected[0], "12/-4/1/0/40/4660");
+  EXPECT_EQ(handler.getClusterId(), 0xFFFFFFFFu);
+  EXPECT_EQ(handler.getRemoteConnectionId(), 0xFFFFFFFFu);
+  EXPECT_EQ(handler.getRemoteDeviceId(), 0xFFFFFFFFu);
+  EXPECT_FALSE(handler.isAutomatic());
+  EXPECT_EQ(handler.getRemoteEndpoint(), SimpleEndpoint());
+
+  // Not connected: the functions are the harmless ones, and nothing reaches the old ones.
+  handler.disconnected(-4, true);
+  handler.requestDisconnect(5);
+  EXPECT_EQ(disconnectReasons, std::vector<int>{3});
+  EXPECT_EQ(handler.seenInDisconnected.size(), 1u);
+}
+
+TEST_F(ConnectionHandlerBaseTest, MoveIsIgnoredUnlessTheHandlerAllowsIt) {
+  connect();
+  handler.moveConnection(
+      77, 99, SimpleEndpoint(SimpleIp("127.0.0.2"), 6000), false, true,
+      [](std::unique_ptr<OutputMessage>&&) {}, [](int) {});
+  EXPECT_EQ(handler.moves, 0);
+  EXPECT_EQ(handler.getRemoteConnectionId(), 40u);
+  handler.requestDisconnect(1);
+  EXPECT_EQ(disconnectReasons.size(), 1u);
+
+  handler.allowMove = true;
+  std::vector<int> newReasons;
+  handler.moveConnection(
+      77, 99, SimpleEndpoint(SimpleIp("127.0.0.2"), 6000), false, true,
+      [](std::unique_ptr<OutputMessage>&&) {}, [&](int r) { newReasons.push_back(r); });
+  EXPECT_EQ(handler.moves, 1);
+  EXPECT_EQ(handler.getConnectionId(), 12u);
+  EXPECT_EQ(handler.getClusterId(), 8u);
+  EXPECT_EQ(handler.getRemoteConnectionId(), 77u);
+  EXPECT_EQ(handler.getRemoteDeviceId(), 99u);
+  handler.requestDisconnect(2);
+  EXPECT_EQ(newReasons, std::vector<int>{2});
+  EXPECT_EQ(disconnectReasons.size(), 1u);
+}
+
+TEST_F(ConnectionHandlerBaseTest, CustomDataLivesUntilReplacedOrDestroyed) {
+  int destroyed = 0;
+  {
+    Handler local;
+    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, std::make_unique<Tag>(&destroyed),
+                    {}, {});
+    local.disconnected(0, true);
+    EXPECT_EQ(destroyed, 0);
+    ASSERT_NE(local.getCustomConnectData(), nullptr);
+    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, std::make_unique<Tag>(&destroyed),
+                    {}, {});
+    EXPECT_EQ(destroyed, 1);
+  }
+  EXPECT_EQ(destroyed, 2);
+}
+
+TEST_F(ConnectionHandlerBaseTest, DumpShowsTheConnectionState) {
+  std::ostringstream notConnected;
+  handler.dump(notConnected, 12, "> ");
+  EXPECT_EQ(notConnected.str(),
+            "> ConnectionHandler (SimpleConnector, version 2, client side):\n"
+            ">   Not connected (ConnectionId: 12)\n"
+            "> ---\n");
+
+  handler.init(true);
+  connect();
+  std::ostringstream connectedDump;
+  handler.dump(connectedDump, "# ");
+  EXPECT_EQ(connectedDump.str(),
+            "# ConnectionHandler (SimpleConnector, version 2, server side):\n"
+            "#   Connected (ClusterId 8, connectionId: 12 (automatic)) to remote device 4660 "
+            "(0x1234, IP 127.0.0.1:5000, remote ConnectionId: 40)\n"
+            "# ---\n");
+}
+
+}  // namespace
+}  // namespace tavrinConnector

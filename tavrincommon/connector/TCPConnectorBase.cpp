@@ -1,0 +1,1039 @@
+#include "tavrincommon/connector/TCPConnectorBase.h"
+
+#include "tavrincommon/common/Clock.h"
+#include "tavrincommon/connector/ConnectionHandlerType.h"
+#include "tavrincommon/connector/DisconnectReason.h"
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/connector/TCPTransceiver.h"
+#include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/TavrinLogging.h"
+#include "tavrincommon/network/TCPSocketInterface.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+
+#include <ios>
+#include <ostream>
+#include <set>
+#include <utility>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+namespace tavrinConnector {
+
+using tavrinCommon::DefaultOrigins;
+using tavrinCommon::system::Clock;
+using tavrinLog::SeverityLevel;
+using tavrinNetwork::SimpleEndpoint;
+using tavrinNetwork::SimpleIp;
+
+namespace {
+
+constexpr int kOrigin = DefaultOrigins::TCPConnector;
+
+timespec monotonicIn(long long ms) {
+  timespec t = Clock::getTime(Clock::Monotonic);
+  long long ns = static_cast<long long>(t.tv_nsec) + (ms % 1000) * 1000000;
+  t.tv_sec += static_cast<time_t>(ms / 1000 + ns / 1000000000);
+  t.tv_nsec = static_cast<long>(ns % 1000000000);
+  return t;
+}
+
+bool reached(const timespec& deadline) {
+  const timespec now = Clock::getTime(Clock::Monotonic);
+  return now.tv_sec > deadline.tv_sec ||
+         (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
+}
+
+const char* yesNo(bool value) { return value ? "yes" : "no"; }
+
+SimpleEndpoint::CharString text(const SimpleEndpoint& endpoint) {
+  return SimpleEndpoint::CharString(endpoint);
+}
+
+const SimpleEndpoint& peerOf(const SingleTCPConnectionEndpoint& connection) {
+  return connection.getTransceiver().getEndpoint();
+}
+
+template <typename Map>
+std::vector<typename Map::key_type> keysOf(const Map& map) {
+  std::vector<typename Map::key_type> keys;
+  keys.reserve(map.size());
+  for (const auto& entry : map) keys.push_back(entry.first);
+  return keys;
+}
+
+}  // namespace
+
+TCPConnectorBase::TCPConnectorBase(tavrinScheduler::Scheduler* scheduler_,
+                                   tavrinLog::TavrinLogging* logging_)
+    : Worker(kOrigin),
+      TimeoutTask(kOrigin),
+      scheduler(scheduler_),
+      logging(logging_),
+      generalErrorCallback([](ErrorType::Type, const std::string&) {}),
+      keepAliveTimer(scheduler_, timing.keepAliveInterval * 1000, [this] { sendKeepAlives(); },
+                     kOrigin),
+      maxFrameLength(TCPTransceiver::kDefaultMaxFrameLength) {}
+
+TCPConnectorBase::~TCPConnectorBase() {
+  // The subclass has disabled the connector already; this only covers what its hooks would not.
+  enabled = false;
+  stopAll();
+  connectionEvents.clear();
+  activeConnections.clear();
+  handlersToDestroy.clear();
+  tcpConnections.clear();
+  tcpConnectionsToDestroy.clear();
+  // Closing the connections above may have queued events and scheduled the worker once more.
+  connectionEvents.clear();
+  receivedFrames.clear();
+  keepAliveTimer.stop();
+  scheduler->removeWorker(this);
+  scheduler->disableTimeout(this);
+}
+
+void TCPConnectorBase::stopAll() {
+  disconnectAllConnections(DisconnectReason::shutdown);
+  keepAliveTimer.stop();
+  scheduler->removeWorker(this);
+  connectionEvents.clear();
+}
+
+// ---- configuration and lifecycle ----
+
+void TCPConnectorBase::initCommon(unsigned connectorId_, unsigned deviceId_,
+                                  ConnectorInterfaceType::Type type, SimpleIp ip_,
+                                  const ConnectionTimeout& timing_, bool mptcp_) {
+  setEnabled(false);
+  clearConnectionHandlers();
+  connectionRejectedCallbacks.clear();
+  connectorId = connectorId_;
+  deviceId = deviceId_;
+  interfaceType = type;
+  ip = ip_;
+  timing = timing_;
+  mptcp = mptcp_;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+             "Initialized TCPConnector %s %u on Device %u (0x%08X) with IP %s",
+             ConnectorInterfaceType::getText(long{interfaceType}), connectorId, deviceId, deviceId,
+             SimpleIp::CharString(ip).c_str());
+}
+
+void TCPConnectorBase::setEnabled(bool enable) {
+  if (enable == enabled) return;
+  enabled = enable;
+  cleanupSpecific();
+  stopAll();
+  // Handlers and TCP connections that ended above may be in the middle of their own call chain
+  // (an application that disables the connector from a handler): the worker destroys them.
+  if (!handlersToDestroy.empty() || !tcpConnectionsToDestroy.empty()) scheduler->addWorker(this);
+  if (!enable) return;
+  if (timing.connectionTimeout > 0) {
+    // An interval below one second would flood the peers; one second still keeps them alive.
+    const int intervalMs = timing.keepAliveInterval >= 1 ? timing.keepAliveInterval * 1000 : 1000;
+    keepAliveTimer.setInterval(intervalMs);
+    keepAliveTimer.start();
+  }
+  enableSpecific();
+}
+
+void TCPConnectorBase::setIp(SimpleIp ip_) {
+  if (ip_ == ip) return;
+  const bool wasEnabled = enabled;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Changed TCPConnector %s %d IP to %s (old: %s), %s",
+             ConnectorInterfaceType::getText(long{interfaceType}), static_cast<int>(connectorId),
+             SimpleIp::CharString(ip_).c_str(), SimpleIp::CharString(ip).c_str(),
+             wasEnabled ? "restarting..." : "disabled.");
+  setEnabled(false);
+  ip = ip_;
+  setEnabled(wasEnabled);
+}
+
+void TCPConnectorBase::setDscp(int dscp_) {
+  if (dscp_ == dscp) return;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Changed TCPConnector %s %d DSCP value to %d (old value: %d)",
+             ConnectorInterfaceType::getText(long{interfaceType}), static_cast<int>(connectorId),
+             dscp_, dscp);
+  dscp = dscp_;
+  for (auto& entry : tcpConnections) entry.second->setDscp(dscp);
+}
+
+void TCPConnectorBase::setMaxFrameLength(uint32_t maxFrameLength_) {
+  maxFrameLength = maxFrameLength_ == 0 ? TCPTransceiver::kDefaultMaxFrameLength : maxFrameLength_;
+  for (auto& entry : tcpConnections) entry.second->getTransceiver().setMaxFrameLength(maxFrameLength);
+}
+
+void TCPConnectorBase::setGeneralErrorCallback(GeneralErrorCallback callback) {
+  generalErrorCallback =
+      callback ? std::move(callback) : GeneralErrorCallback([](ErrorType::Type, const std::string&) {});
+}
+
+void TCPConnectorBase::setGeneralError(ErrorType::Type error, const std::string& message) {
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error, "Error %d (%s): '%s'",
+             static_cast<int>(error), ErrorType::getText(error), message.c_str());
+  setEnabled(false);
+  // A copy: the application may replace the callback from inside it.
+  GeneralErrorCallback callback = generalErrorCallback;
+  callback(error, message);
+}
+
+// ---- sending ----
+
+void TCPConnectorBase::sendEmptyMessage(SingleTCPConnectionEndpoint& endpoint,
+                                        TavrinConnectorMessageType::Type type,
+                                        unsigned additionalInfo) {
+  auto message = std::make_unique<OutputMessage>(0);
+  message->finalizeMessage(static_cast<unsigned char>(type), additionalInfo);
+  endpoint.getTransceiver().send(std::move(message));
+}
+
+void TCPConnectorBase::sendPing(SingleTCPConnectionEndpoint& endpoint, unsigned additionalInfo) {
+  sendEmptyMessage(endpoint, TavrinConnectorMessageType::ping, additionalInfo);
+}
+
+void TCPConnectorBase::sendPong(SingleTCPConnectionEndpoint& endpoint, unsigned additionalInfo) {
+  sendEmptyMessage(endpoint, TavrinConnectorMessageType::pong, additionalInfo);
+}
+
+void TCPConnectorBase::sendDisconnectMessage(SingleTCPConnectionEndpoint& endpoint, int reason,
+                                             unsigned connectionId) {
+  auto message = std::make_unique<OutputMessage>(4);
+  message->putUInt32(static_cast<unsigned>(reason));
+  message->finalizeMessage(TavrinConnectorMessageType::disconnect, connectionId);
+  endpoint.getTransceiver().send(std::move(message));
+}
+
+void TCPConnectorBase::sendConnectionRejectMessage(SingleTCPConnectionEndpoint& endpoint,
+                                                   int reason, unsigned clusterId,
+                                                   unsigned remoteConnectionId,
+                                                   unsigned connectionId, unsigned short type) {
+  auto message = std::make_unique<OutputMessage>(14);
+  message->putUInt32(remoteConnectionId);
+  message->putUInt16(type);
+  message->putUInt32(connectionId);
+  message->putUInt32(static_cast<unsigned>(reason));
+  message->finalizeMessage(TavrinConnectorMessageType::rejectConnection, clusterId);
+  endpoint.getTransceiver().send(std::move(message));
+}
+
+void TCPConnectorBase::sendConnectionAcceptMessage(SingleTCPConnectionEndpoint& endpoint,
+                                                   unsigned clusterId, unsigned remoteConnectionId,
+                                                   unsigned connectionId, unsigned short type,
+                                                   unsigned short version) {
+  auto message = std::make_unique<OutputMessage>(16);
+  message->putUInt32(remoteConnectionId);
+  message->putUInt16(type);
+  message->putUInt16(version);
+  message->putUInt32(connectionId);
+  message->putUInt32(deviceId);
+  message->finalizeMessage(TavrinConnectorMessageType::acceptConnection, clusterId);
+  endpoint.getTransceiver().send(std::move(message));
+}
+
+void TCPConnectorBase::sendDataMessage(unsigned remoteConnectionId,
+                                       SingleTCPConnectionEndpoint& endpoint,
+                                       std::unique_ptr<OutputMessage>&& message) {
+  if (!message) return;
+  message->finalizeMessage(TavrinConnectorMessageType::data, remoteConnectionId);
+  endpoint.getTransceiver().send(std::move(message));
+}
+
+// ---- events and the worker ----
+
+void TCPConnectorBase::setConnectionEvent(const SimpleEndpoint& endpoint, bool force) {
+  connectionEvents.emplace_back(endpoint, force);
+  scheduler->addWorker(this);
+}
+
+tavrinScheduler::Worker::Result TCPConnectorBase::work() {
+  const timespec deadline = monotonicIn(kWorkSliceMs);
+  while (!connectionEvents.empty()) {
+    if (reached(deadline)) break;
+    const SimpleEndpoint endpoint = connectionEvents.front().first;
+    const bool force = connectionEvents.front().second;
+    connectionEvents.pop_front();
+    auto found = tcpConnections.find(endpoint);
+    if (found == tcpConnections.end()) continue;
+    // A raw pointer: handlers may retire this connection while its messages are handled, and
+    // retired connections live on until the end of this run.
+    SingleTCPConnectionEndpoint* connection = found->second.get();
+    if (!force) {
+      // Frames that arrived before a connection ended are handled before it is torn down.
+      if (handleReceivedMessages(*connection, deadline) == Continue) {
+        connectionEvents.emplace_back(endpoint, false);
+        continue;
+      }
+      if (connection->isConnected() || getTCPConnection(endpoint) != connection) continue;
+    }
+    const bool socketValid = connection->isConnected();
+    const size_t logicalCount = connection->getLogicalConnections().size();
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+               "Disconnecting TCP connection %s (forceDisconnect: %s, connected: %s, logical "
+               "connections: %s (%d))...",
+               text(endpoint).c_str(), yesNo(force), yesNo(socketValid), yesNo(logicalCount > 0),
+               static_cast<int>(logicalCount));
+    disconnectEndpoint(*connection, DisconnectReason::connectionInterrupted, true);
+    retireTCPConnection(endpoint, connection);
+  }
+  // Moved out first: a destructor that reaches back into the connector finds empty queues.
+  std::deque<std::unique_ptr<ConnectionHandlerBase>> handlers;
+  handlers.swap(handlersToDestroy);
+  handlers.clear();
+  std::deque<std::unique_ptr<SingleTCPConnectionEndpoint>> connections;
+  connections.swap(tcpConnectionsToDestroy);
+  for (const auto& connection : connections) receivedFrames.erase(connection.get());
+  connections.clear();
+  // Destroying a connection whose socket was still open queues one last event for it; the
+  // connection is gone, so the event would only cost another run.
+  while (!connectionEvents.empty() &&
+         tcpConnections.find(connectionEvents.back().first) == tcpConnections.end())
+    connectionEvents.pop_back();
+  if (connectionEvents.empty()) return Finished;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+             "Worker took more than %dms. Yielding execution and scheduling another run to "
+             "continue work (%d events remaining)",
+             kWorkSliceMs, static_cast<int>(connectionEvents.size()));
+  return Continue;
+}
+
+tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
+    SingleTCPConnectionEndpoint& connection, const timespec& deadline) {
+  if (heldFrameCount(connection) == 0) return Finished;
+  const SimpleEndpoint peer = peerOf(connection);
+  while (!reached(deadline)) {
+    // Looked up on every turn: handlers may retire the connection or add frames meanwhile. The
+    // frames of a retired connection go with it.
+    auto held = receivedFrames.find(&connection);
+    if (held == receivedFrames.end()) return Finished;
+    if (held->second.empty() || getTCPConnection(peer) != &connection) {
+      receivedFrames.erase(held);
+      return Finished;
+    }
+    std::unique_ptr<InputMessage> message = std::move(held->second.front());
+    held->second.pop_front();
+    const unsigned type = message->getType();
+    const unsigned info = message->getAdditionalInfo();
+    switch (type) {
+      case TavrinConnectorMessageType::ping:
+        sendPong(connection, info);
+        break;
+      case TavrinConnectorMessageType::pong:
+        break;
+      case TavrinConnectorMessageType::version:
+        handleVersionMessage(connection, static_cast<unsigned short>(info & 0xFFFFu));
+        break;
+      case TavrinConnectorMessageType::connect:
+        extractAndHandleConnectMessage(connection, info, *message);
+        break;
+      case TavrinConnectorMessageType::data:
+        handleDataMessage(connection, info, std::move(message));
+        break;
+      case TavrinConnectorMessageType::moveConnection:
+        extractAndHandleMoveMessage(connection, info, *message);
+        break;
+      case TavrinConnectorMessageType::disconnect:
+        handleDisconnectMessage(connection, info, *message);
+        break;
+      case TavrinConnectorMessageType::connectionNotFound:
+        handleConnectionNotFoundMessage(connection, info);
+        break;
+      case TavrinConnectorMessageType::rejectConnection:
+        extractAndHandleConnectionRejectMessage(connection, info, *message);
+        break;
+      case TavrinConnectorMessageType::acceptConnection:
+        extractAndHandleConnectionAcceptMessage(connection, info, *message);
+        break;
+      default:
+        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+                   "Unsupported message type %u received from %s (additional Info: %u, data "
+                   "length: %u bytes), ignoring",
+                   type, text(peerOf(connection)).c_str(), info,
+                   static_cast<unsigned>(message->getLength()));
+        break;
+    }
+    message.reset();
+    if (heldFrameCount(connection) == 0) return Finished;
+  }
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+             "Message handling took too long (%d messages remaining for TCP connection %s), "
+             "yielding",
+             static_cast<int>(heldFrameCount(connection)), text(peer).c_str());
+  return Continue;
+}
+
+void TCPConnectorBase::handleVersionMessage(SingleTCPConnectionEndpoint& connection,
+                                            unsigned short version) {
+  if (version == kProtocolVersion) return;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Incompatible TCP endpoint %s with version %u, disconnecting (own version: %u)",
+             text(peerOf(connection)).c_str(), unsigned{version}, unsigned{kProtocolVersion});
+  sendDisconnectMessage(connection, DisconnectReason::incompatible, kInvalidConnectionId);
+  setConnectionEvent(peerOf(connection), true);
+}
+
+void TCPConnectorBase::handleDataMessage(SingleTCPConnectionEndpoint& connection,
+                                         unsigned connectionId,
+                                         std::unique_ptr<InputMessage>&& message) {
+  const SimpleEndpoint peer = peerOf(connection);
+  if (connection.hasLogicalConnection(connectionId)) {
+    auto found = activeConnections.find(connectionId);
+    if (found != activeConnections.end() && found->second && found->second->isConnected()) {
+      // The handler may end its own connection inside receive: it then waits in the
+      // handlers-to-destroy queue, so it outlives the call.
+      found->second->receive(std::move(message));
+      return;
+    }
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+               "No active connection with connection Id %u (local TCP endpoint %s), cleaning up "
+               "and replying with noConnection",
+               connectionId, text(peer).c_str());
+    if (connection.removeLogicalConnection(connectionId)) {
+      setConnectionEvent(peer, false);
+      connection.disconnect();
+    }
+  } else {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+               "No logical connection with connection Id %u on local TCP endpoint %s, replying "
+               "with noConnection",
+               connectionId, text(peer).c_str());
+  }
+  sendEmptyMessage(connection, TavrinConnectorMessageType::connectionNotFound, connectionId);
+}
+
+void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& connection,
+                                               unsigned connectionId, InputMessage& message) {
+  const int reason = message.getInt32();
+  const SimpleEndpoint peer = peerOf(connection);
+  if (connectionId == kInvalidConnectionId) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+               "TCP disconnect message received from TCP endpoint %s, reason: %s (%d)",
+               text(peer).c_str(), DisconnectReason::getText(long{reason}), reason);
+    disconnectEndpoint(connection, reason, false);
+    return;
+  }
+  if (connection.hasLogicalConnection(connectionId)) {
+    auto found = activeConnections.find(connectionId);
+    if (found != activeConnections.end()) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                 "Disconnect message received from TCP endpoint %s for connection %u, reason: %s "
+                 "(%d)",
+                 text(peer).c_str(), connectionId, DisconnectReason::getText(long{reason}), reason);
+      std::unique_ptr<ConnectionHandlerBase> handler = std::move(found->second);
+      activeConnections.erase(found);
+      if (!handler) return;
+      if (handler->isConnected()) disconnectHandler(*handler, connection, reason, true);
+      queueHandlerForDestruction(std::move(handler));
+      return;
+    }
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+               "No active connection with connection id %u (local TCP endpoint %s), ignoring "
+               "disconnect request",
+               connectionId, text(peer).c_str());
+  } else {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+               "No logical connection with connection id %u on local TCP endpoint %s, ignoring "
+               "disconnect request",
+               connectionId, text(peer).c_str());
+  }
+  sendEmptyMessage(connection, TavrinConnectorMessageType::connectionNotFound, connectionId);
+}
+
+void TCPConnectorBase::handleConnectionNotFoundMessage(SingleTCPConnectionEndpoint& connection,
+                                                       unsigned connectionId) {
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Received connection not found message for remote connection %u from TCP endpoint "
+             "%s, removing the connection",
+             connectionId, text(peerOf(connection)).c_str());
+  disconnectRemoteConnectionId(connection, connectionId, DisconnectReason::notPresent);
+}
+
+void TCPConnectorBase::extractAndHandleConnectMessage(SingleTCPConnectionEndpoint& connection,
+                                                      unsigned additionalInfo,
+                                                      InputMessage& message) {
+  const unsigned connectionId = InputMessage::getUInt32(message.buffer);
+  const unsigned short type = message.getUInt16();
+  const unsigned remoteConnectionId = InputMessage::getUInt32(message.buffer);
+  const unsigned remoteDeviceId = InputMessage::getUInt32(message.buffer);
+  handleConnectMessage(connection, additionalInfo, connectionId, type, remoteConnectionId,
+                       remoteDeviceId, message);
+}
+
+void TCPConnectorBase::extractAndHandleMoveMessage(SingleTCPConnectionEndpoint& connection,
+                                                   unsigned additionalInfo,
+                                                   InputMessage& message) {
+  const unsigned connectionId = InputMessage::getUInt32(message.buffer);
+  const unsigned short type = message.getUInt16();
+  const unsigned remoteConnectionId = InputMessage::getUInt32(message.buffer);
+  const unsigned remoteDeviceId = InputMessage::getUInt32(message.buffer);
+  handleMoveMessage(connection, additionalInfo, connectionId, type, remoteConnectionId,
+                    remoteDeviceId, message);
+}
+
+void TCPConnectorBase::extractAndHandleConnectionRejectMessage(
+    SingleTCPConnectionEndpoint& connection, unsigned additionalInfo, InputMessage& message) {
+  const unsigned connectionId = InputMessage::getUInt32(message.buffer);
+  const unsigned short type = message.getUInt16();
+  const unsigned remoteConnectionId = InputMessage::getUInt32(message.buffer);
+  const int reason = message.getInt32();
+  handleConnectionRejectMessage(connection, additionalInfo, connectionId, reason,
+                                remoteConnectionId, type);
+}
+
+void TCPConnectorBase::extractAndHandleConnectionAcceptMessage(
+    SingleTCPConnectionEndpoint& connection, unsigned additionalInfo, InputMessage& message) {
+  const unsigned connectionId = InputMessage::getUInt32(message.buffer);
+  const unsigned short type = message.getUInt16();
+  const unsigned short version = message.getUInt16();
+  const unsigned remoteConnectionId = InputMessage::getUInt32(message.buffer);
+  const unsigned remoteDeviceId = InputMessage::getUInt32(message.buffer);
+  handleConnectionAcceptMessage(connection, additionalInfo, connectionId, version,
+                                remoteConnectionId, remoteDeviceId, type);
+}
+
+ConnectionHandlerBase::SendFunction TCPConnectorBase::makeSendFunction(const SimpleEndpoint& peer,
+                                                                       unsigned remoteConnectionId) {
+  // Looked up on every send rather than bound by reference: a handler must never reach a TCP
+  // connection that has been retired in the meantime.
+  return [this, peer, remoteConnectionId](std::unique_ptr<OutputMessage>&& message) {
+    auto found = tcpConnections.find(peer);
+    if (found != tcpConnections.end())
+      sendDataMessage(remoteConnectionId, *found->second, std::move(message));
+  };
+}
+
+ConnectionHandlerBase::DisconnectFunction TCPConnectorBase::makeDisconnectFunction(
+    unsigned connectionId) {
+  return [this, connectionId](int reason) { disconnect(connectionId, reason); };
+}
+
+void TCPConnectorBase::finalizeConnection(HandlerFactory factory, unsigned connectionId,
+                                          bool automatic, unsigned remoteConnectionId,
+                                          unsigned remoteDeviceId, unsigned clusterId,
+                                          SingleTCPConnectionEndpoint& connection, bool serverSide,
+                                          std::unique_ptr<CustomConnectData>&& data) {
+  std::unique_ptr<ConnectionHandlerBase> created = factory();
+  if (!created) return;
+  created->init(serverSide);
+  auto slot = activeConnections.try_emplace(connectionId, nullptr).first;
+  if (!slot->second) slot->second = std::move(created);
+  ConnectionHandlerBase* handler = slot->second.get();
+  connection.addLogicalConnection(connectionId);
+  const SimpleEndpoint peer = peerOf(connection);
+  handler->connected(clusterId, connectionId, automatic, remoteConnectionId, remoteDeviceId, peer,
+                     connection.isMptcpEnabled(), std::move(data),
+                     makeSendFunction(peer, remoteConnectionId),
+                     makeDisconnectFunction(connectionId));
+  // The handler may have ended its connection inside connected(); it then waits in the
+  // handlers-to-destroy queue and is still alive here.
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Info,
+             "Created connection %u (%stype %u, version %u) with TCP endpoint %s (remote "
+             "connection id: %u, remote device id: %u, cluster id: %u)",
+             connectionId, automatic ? "automatic, " : "", unsigned{handler->getType()},
+             unsigned{handler->getVersion()}, text(peer).c_str(), remoteConnectionId,
+             remoteDeviceId, clusterId);
+}
+
+void TCPConnectorBase::sendKeepAlives() {
+  for (auto& entry : tcpConnections) sendPong(*entry.second, 0);
+  keepAliveTimer.start();
+}
+
+std::unique_ptr<SingleTCPConnectionEndpoint> TCPConnectorBase::makeTCPConnection(
+    const SimpleEndpoint& peer, std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket,
+    bool connectedNow) {
+  // Control messages are a few bytes each, and a side that ends its last logical connection
+  // sends a disconnect and closes abortively right after it: held back by Nagle's algorithm
+  // behind an unacknowledged frame, that message would die with the close. A socket that is not
+  // a TCP socket (a test's fake) just refuses the option.
+  if (socket && socket->valid()) {
+    const int on = 1;
+    setsockopt(socket->getFd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  }
+  // The connection calls back from inside its constructor at the earliest, so the slot is filled
+  // in before any frame can arrive.
+  auto self = std::make_shared<SingleTCPConnectionEndpoint*>(nullptr);
+  auto connection = std::make_unique<SingleTCPConnectionEndpoint>(
+      peer, std::move(socket), connectedNow,
+      [this, peer, self] {
+        if (*self) holdReceivedFrames(**self);
+        setConnectionEvent(peer, false);
+      },
+      scheduler, kTCPIdleTimeoutMs, timing.connectionTimeout * 1000, logging);
+  *self = connection.get();
+  connection->getTransceiver().setMaxFrameLength(maxFrameLength);
+  return connection;
+}
+
+void TCPConnectorBase::holdReceivedFrames(SingleTCPConnectionEndpoint& connection) {
+  std::unique_ptr<InputMessage> message = connection.fetchReceivedMessage();
+  if (!message) return;
+  std::deque<std::unique_ptr<InputMessage>>& held = receivedFrames[&connection];
+  do {
+    held.push_back(std::move(message));
+    message = connection.fetchReceivedMessage();
+  } while (message);
+}
+
+size_t TCPConnectorBase::heldFrameCount(const SingleTCPConnectionEndpoint& connection) const {
+  auto held = receivedFrames.find(&connection);
+  return held == receivedFrames.end() ? 0 : held->second.size();
+}
+
+void TCPConnectorBase::retireTCPConnection(const SimpleEndpoint& peer,
+                                           const SingleTCPConnectionEndpoint* expected) {
+  auto found = tcpConnections.find(peer);
+  if (found == tcpConnections.end()) return;
+  if (expected && found->second.get() != expected) return;
+  tcpConnectionsToDestroy.push_back(std::move(found->second));
+  tcpConnections.erase(found);
+  scheduler->addWorker(this);
+}
+
+// ---- handler factory registry ----
+
+void TCPConnectorBase::addConnectionHandler(unsigned short type, unsigned short version,
+                                            HandlerFactory factory) {
+  VersionMap& versions = connectionHandlers[type];
+  auto inserted = versions.emplace(version, factory);
+  if (inserted.second) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+               "Added ConnectionHandler for type %u version %u", unsigned{type},
+               unsigned{version});
+    return;
+  }
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+             "Replacing ConnectionHandler for type %u version %u: disconnecting existing "
+             "connections",
+             unsigned{type}, unsigned{version});
+  disconnectTypeAndVersion(type, version, DisconnectReason::connectionHandlerRemoved);
+  // Looked up again: the disconnected handlers' code may have changed the registry.
+  connectionHandlers[type][version] = std::move(factory);
+}
+
+void TCPConnectorBase::removeConnectionHandler(unsigned short type, unsigned short version) {
+  auto typeEntry = connectionHandlers.find(type);
+  if (typeEntry == connectionHandlers.end() || !typeEntry->second.count(version)) return;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+             "Removing ConnectionHandler for type %u version %u: disconnecting existing "
+             "connections",
+             unsigned{type}, unsigned{version});
+  disconnectTypeAndVersion(type, version, DisconnectReason::connectionHandlerRemoved);
+  typeEntry = connectionHandlers.find(type);
+  if (typeEntry == connectionHandlers.end()) return;
+  typeEntry->second.erase(version);
+  if (typeEntry->second.empty()) connectionHandlers.erase(typeEntry);
+}
+
+void TCPConnectorBase::removeConnectionHandlerType(unsigned short type) {
+  if (!connectionHandlers.count(type)) return;
+  disconnectType(type, false, DisconnectReason::connectionHandlerRemoved);
+  connectionHandlers.erase(type);
+}
+
+void TCPConnectorBase::clearConnectionHandlers() {
+  disconnectAllConnections(DisconnectReason::connectionHandlerRemoved);
+  connectionHandlers.clear();
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Cleared all ConnectionHandlers");
+}
+
+TCPConnectorBase::HandlerFactory TCPConnectorBase::findConnectionHandler(unsigned short type,
+                                                                        unsigned short version,
+                                                                        bool& typeFound) const {
+  typeFound = false;
+  auto typeEntry = connectionHandlers.find(type);
+  if (typeEntry == connectionHandlers.end()) return {};
+  typeFound = !typeEntry->second.empty();
+  auto versionEntry = typeEntry->second.find(version);
+  if (versionEntry == typeEntry->second.end()) return {};
+  return versionEntry->second;
+}
+
+std::unique_ptr<ConnectionHandlerBase> TCPConnectorBase::createConnectionHandler(
+    unsigned short type, unsigned short version) const {
+  bool typeFound = false;
+  HandlerFactory factory = findConnectionHandler(type, version, typeFound);
+  if (!factory) return nullptr;
+  return factory();
+}
+
+// ---- rejected callbacks ----
+
+void TCPConnectorBase::addConnectionRejectedCallback(unsigned short type,
+                                                     const ConnectionRejectedCallback& callback) {
+  if (!callback) {
+    connectionRejectedCallbacks.erase(type);
+    return;
+  }
+  connectionRejectedCallbacks[type] = callback;
+}
+
+void TCPConnectorBase::removeConnectionRejectedCallback(unsigned short type) {
+  connectionRejectedCallbacks.erase(type);
+}
+
+void TCPConnectorBase::setConnectionRejected(const SimpleEndpoint& endpoint, unsigned clusterId,
+                                             unsigned connectionId, int reason,
+                                             unsigned remoteConnectionId, unsigned short type,
+                                             const CustomConnectData* data) {
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Connection %u (type %u, remote connection id %u) rejected by TCP endpoint %s "
+             "(cluster id %u): %s (%d)",
+             connectionId, unsigned{type}, remoteConnectionId, text(endpoint).c_str(), clusterId,
+             DisconnectReason::getText(long{reason}), reason);
+  auto found = connectionRejectedCallbacks.find(type);
+  if (found == connectionRejectedCallbacks.end()) return;
+  // A copy: the callback may remove or replace itself.
+  ConnectionRejectedCallback callback = found->second;
+  callback(endpoint, clusterId, connectionId, reason, remoteConnectionId, type, data);
+}
+
+void TCPConnectorBase::setPendingConnectionRejected(unsigned connectionId,
+                                                    const PendingConnectionData& pending,
+                                                    int reason) {
+  setConnectionRejected(pending.endpoint, pending.clusterId, connectionId, reason,
+                        pending.remoteConnectionId, pending.type, pending.data.get());
+}
+
+// ---- connection ids ----
+
+bool TCPConnectorBase::verifyValidConnectionId(unsigned id) const {
+  return id != 0 && id != kInvalidConnectionId;
+}
+
+bool TCPConnectorBase::verifyFreeConnectionId(unsigned id) const {
+  return verifyValidConnectionId(id) && !activeConnections.count(id) &&
+         !pendingConnections.count(id);
+}
+
+unsigned TCPConnectorBase::getFreeConnectionId(unsigned first, unsigned last) const {
+  unsigned id = first;
+  while (!verifyFreeConnectionId(id)) {
+    if (id == last) return kInvalidConnectionId;
+    ++id;
+  }
+  return id;
+}
+
+// ---- pending connections ----
+
+void TCPConnectorBase::addPendingConnection(unsigned connectionId, const SimpleEndpoint& endpoint,
+                                            unsigned clusterId, unsigned short type,
+                                            bool automatic, unsigned remoteConnectionId,
+                                            std::unique_ptr<CustomConnectData>&& data) {
+  if (pendingConnections.empty()) scheduler->addTimeout(this, kPendingCheckPeriodMs);
+  PendingConnectionData entry;
+  entry.endpoint = endpoint;
+  entry.clusterId = clusterId;
+  entry.type = type;
+  entry.automatic = automatic;
+  entry.remoteConnectionId = remoteConnectionId;
+  entry.data = std::move(data);
+  entry.deadline = monotonicIn(kPendingDeadlineSeconds * 1000LL);
+  pendingConnections.emplace(connectionId, std::move(entry));
+}
+
+// Every walk over the pending table takes the entry out before the rejected callback runs: the
+// application may ask again (even for the same id) from inside the callback, and the id is then
+// free and the time-out armed for the new request.
+bool TCPConnectorBase::removePendingConnection(unsigned connectionId, int reason, bool notify,
+                                               bool& automatic,
+                                               std::unique_ptr<CustomConnectData>& data) {
+  auto found = pendingConnections.find(connectionId);
+  if (found == pendingConnections.end()) return false;
+  PendingConnectionData entry = std::move(found->second);
+  pendingConnections.erase(found);
+  if (pendingConnections.empty()) scheduler->disableTimeout(this);
+  if (notify) {
+    removePendingConnectionFromTcp(connectionId, entry);
+    setPendingConnectionRejected(connectionId, entry, reason);
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+               "Removed pending connection %u (type %u, remoteEndpoint: %s, remote connection id: "
+               "%u): %s (%d)",
+               connectionId, unsigned{entry.type}, text(entry.endpoint).c_str(),
+               entry.remoteConnectionId, DisconnectReason::getText(long{reason}), reason);
+  }
+  automatic = entry.automatic;
+  data = std::move(entry.data);
+  return true;
+}
+
+void TCPConnectorBase::removePendingConnectionFromTcp(unsigned connectionId,
+                                                      const PendingConnectionData& pending) {
+  SingleTCPConnectionEndpoint* connection = getTCPConnection(pending.endpoint);
+  if (!connection || !connection->hasLogicalConnection(connectionId)) return;
+  if (connection->removeLogicalConnection(connectionId)) {
+    setConnectionEvent(pending.endpoint, false);
+    connection->disconnect();
+  }
+}
+
+void TCPConnectorBase::timeout() {
+  for (unsigned id : keysOf(pendingConnections)) {
+    auto found = pendingConnections.find(id);
+    if (found == pendingConnections.end() || !reached(found->second.deadline)) continue;
+    PendingConnectionData entry = std::move(found->second);
+    pendingConnections.erase(found);
+    removePendingConnectionFromTcp(id, entry);
+    setPendingConnectionRejected(id, entry, DisconnectReason::timeout);
+  }
+  if (!pendingConnections.empty()) scheduler->addTimeout(this, kPendingCheckPeriodMs);
+}
+
+void TCPConnectorBase::rejectAllPendingConnections() {
+  // Only the requests present now: one that a rejected callback makes meanwhile stays pending.
+  for (unsigned id : keysOf(pendingConnections)) {
+    auto found = pendingConnections.find(id);
+    if (found == pendingConnections.end()) continue;
+    PendingConnectionData entry = std::move(found->second);
+    pendingConnections.erase(found);
+    removePendingConnectionFromTcp(id, entry);
+    setPendingConnectionRejected(id, entry, DisconnectReason::shutdown);
+  }
+  if (pendingConnections.empty()) scheduler->disableTimeout(this);
+}
+
+// ---- disconnection ----
+
+void TCPConnectorBase::queueHandlerForDestruction(std::unique_ptr<ConnectionHandlerBase>&& handler) {
+  if (!handler) return;
+  handlersToDestroy.push_back(std::move(handler));
+  scheduler->addWorker(this);
+}
+
+void TCPConnectorBase::disconnectHandler(ConnectionHandlerBase& handler,
+                                         SingleTCPConnectionEndpoint& connection, int reason,
+                                         bool sendMessage) {
+  const bool last = connection.removeLogicalConnection(handler.getConnectionId());
+  if (sendMessage) sendDisconnectMessage(connection, reason, handler.getRemoteConnectionId());
+  const SimpleEndpoint peer = peerOf(connection);
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+             "Disconnecting connection %u (type %u, remoteEndpoint: %s, last: %s, disconnect msg "
+             "%s)",
+             handler.getConnectionId(), unsigned{handler.getType()}, text(peer).c_str(),
+             yesNo(last), sendMessage ? "sent" : "not sent");
+  handler.disconnected(reason, last);
+  // Checked again: the handler's code may have asked for a new connection over the same TCP
+  // connection meanwhile, which must not lose it.
+  if (last && connection.getLogicalConnections().empty()) {
+    setConnectionEvent(peer, false);
+    connection.disconnect();
+  }
+}
+
+void TCPConnectorBase::disconnect(std::unique_ptr<ConnectionHandlerBase>&& handler, int reason) {
+  if (!handler) return;
+  if (handler->isConnected()) {
+    SingleTCPConnectionEndpoint* connection = getTCPConnection(handler->getRemoteEndpoint());
+    if (!connection) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+                 "Disconnecting connection %u (type %u, remoteEndpoint: %s, no TCP connection)",
+                 handler->getConnectionId(), unsigned{handler->getType()},
+                 text(handler->getRemoteEndpoint()).c_str());
+      handler->disconnected(reason, true);
+    } else {
+      disconnectHandler(*handler, *connection, reason, true);
+    }
+  }
+  queueHandlerForDestruction(std::move(handler));
+}
+
+void TCPConnectorBase::disconnect(unsigned connectionId, int reason) {
+  auto found = activeConnections.find(connectionId);
+  if (found != activeConnections.end()) {
+    // Out of the table before the handler hears of it: its code may walk or change the table.
+    std::unique_ptr<ConnectionHandlerBase> handler = std::move(found->second);
+    activeConnections.erase(found);
+    disconnect(std::move(handler), reason);
+    return;
+  }
+  bool automatic = false;
+  std::unique_ptr<CustomConnectData> data;
+  removePendingConnection(connectionId, reason, true, automatic, data);
+}
+
+void TCPConnectorBase::disconnect(const std::function<bool(const ConnectionHandlerBase&)>& predicate,
+                                  int reason) {
+  for (unsigned id : keysOf(activeConnections)) {
+    auto found = activeConnections.find(id);
+    if (found == activeConnections.end()) continue;
+    if (!found->second) {
+      activeConnections.erase(found);
+      continue;
+    }
+    if (!found->second->isConnected() || !predicate(*found->second)) continue;
+    std::unique_ptr<ConnectionHandlerBase> handler = std::move(found->second);
+    activeConnections.erase(found);
+    disconnect(std::move(handler), reason);
+  }
+}
+
+void TCPConnectorBase::disconnectType(unsigned short type, bool automaticOnly, int reason) {
+  disconnect(
+      [type, automaticOnly](const ConnectionHandlerBase& handler) {
+        return handler.getType() == type && (!automaticOnly || handler.isAutomatic());
+      },
+      reason);
+}
+
+void TCPConnectorBase::disconnectTypeAndVersion(unsigned short type, unsigned short version,
+                                                int reason) {
+  disconnect(
+      [type, version](const ConnectionHandlerBase& handler) {
+        return handler.getType() == type && handler.getVersion() == version;
+      },
+      reason);
+}
+
+void TCPConnectorBase::disconnectAllAutomatic(int reason) {
+  disconnect([](const ConnectionHandlerBase& handler) { return handler.isAutomatic(); }, reason);
+}
+
+void TCPConnectorBase::disconnectRemoteDevice(unsigned remoteDeviceId, int reason) {
+  for (unsigned id : keysOf(activeConnections)) {
+    auto found = activeConnections.find(id);
+    if (found == activeConnections.end()) continue;
+    if (found->second && found->second->getRemoteDeviceId() != remoteDeviceId) continue;
+    std::unique_ptr<ConnectionHandlerBase> handler = std::move(found->second);
+    activeConnections.erase(found);
+    disconnect(std::move(handler), reason);
+  }
+}
+
+void TCPConnectorBase::disconnectRemoteDevice(SimpleIp remoteIp, int reason) {
+  for (const SimpleEndpoint& peer : keysOf(tcpConnections)) {
+    if (peer.getIp() != remoteIp) continue;
+    SingleTCPConnectionEndpoint* connection = getTCPConnection(peer);
+    if (connection) disconnectEndpoint(*connection, reason, true);
+  }
+}
+
+void TCPConnectorBase::disconnectRemoteConnectionId(SingleTCPConnectionEndpoint& connection,
+                                                    unsigned remoteConnectionId, int reason) {
+  if (connection.getLogicalConnections().empty()) return;
+  const std::set<unsigned int> ids = connection.getLogicalConnections();
+  for (unsigned id : ids) {
+    if (!connection.hasLogicalConnection(id)) continue;
+    auto found = activeConnections.find(id);
+    if (found == activeConnections.end()) continue;
+    if (!found->second) {
+      activeConnections.erase(found);
+      continue;
+    }
+    if (found->second->getRemoteConnectionId() != remoteConnectionId) continue;
+    std::unique_ptr<ConnectionHandlerBase> handler = std::move(found->second);
+    activeConnections.erase(found);
+    if (handler->isConnected()) disconnectHandler(*handler, connection, reason, true);
+    handlersToDestroy.push_back(std::move(handler));
+  }
+  scheduler->addWorker(this);
+}
+
+void TCPConnectorBase::disconnectLogicalConnections(SingleTCPConnectionEndpoint& connection,
+                                                    int reason, bool sendMessage) {
+  const std::set<unsigned int> ids = connection.getLogicalConnections();
+  for (unsigned id : ids) {
+    // An id that a callback has ended meanwhile may already name a new connection elsewhere.
+    if (!connection.hasLogicalConnection(id)) continue;
+    auto found = activeConnections.find(id);
+    if (found != activeConnections.end()) {
+      std::unique_ptr<ConnectionHandlerBase> handler = std::move(found->second);
+      activeConnections.erase(found);
+      if (handler && handler->isConnected())
+        disconnectHandler(*handler, connection, reason, sendMessage);
+      queueHandlerForDestruction(std::move(handler));
+      continue;
+    }
+    bool automatic = false;
+    std::unique_ptr<CustomConnectData> data;
+    removePendingConnection(id, reason, true, automatic, data);
+  }
+}
+
+void TCPConnectorBase::disconnectEndpoint(SingleTCPConnectionEndpoint& connection, int reason,
+                                          bool sendMessage) {
+  if (!connection.getLogicalConnections().empty())
+    disconnectLogicalConnections(connection, reason, sendMessage);
+  setConnectionEvent(peerOf(connection), false);
+  connection.disconnect();
+}
+
+void TCPConnectorBase::disconnectAllTCPConnections(int reason) {
+  for (const SimpleEndpoint& peer : keysOf(tcpConnections)) {
+    SingleTCPConnectionEndpoint* connection = getTCPConnection(peer);
+    if (!connection) continue;
+    disconnectEndpoint(*connection, reason, true);
+    retireTCPConnection(peer, connection);
+  }
+}
+
+void TCPConnectorBase::disconnectAllConnections(int reason) {
+  rejectAllPendingConnections();
+  for (unsigned id : keysOf(activeConnections)) {
+    auto found = activeConnections.find(id);
+    if (found == activeConnections.end()) continue;
+    std::unique_ptr<ConnectionHandlerBase> handler = std::move(found->second);
+    activeConnections.erase(found);
+    disconnect(std::move(handler), reason);
+  }
+  disconnectAllTCPConnections(reason);
+}
+
+// ---- lookups and diagnostics ----
+
+ConnectionHandlerBase* TCPConnectorBase::getConnection(unsigned connectionId) const {
+  auto found = activeConnections.find(connectionId);
+  return found == activeConnections.end() ? nullptr : found->second.get();
+}
+
+SingleTCPConnectionEndpoint* TCPConnectorBase::getTCPConnection(const SimpleEndpoint& peer) const {
+  auto found = tcpConnections.find(peer);
+  return found == tcpConnections.end() ? nullptr : found->second.get();
+}
+
+void TCPConnectorBase::dump(std::ostream& os, const char* prefix) const {
+  os << prefix << "TCPConnector " << ConnectorInterfaceType::getText(long{interfaceType}) << " "
+     << connectorId << " on Device " << deviceId << " (0x" << std::hex << deviceId << std::dec
+     << ", IP: " << SimpleIp::CharString(ip).c_str() << ", DSCP: " << dscp
+     << ", connection timeout: " << timing.connectionTimeout
+     << "s, keep alive interval: " << timing.keepAliveInterval << "s):\n";
+  dumpSpecific(os, prefix);
+
+  size_t versionCount = 0;
+  os << prefix << "  ConnectionHandler (" << connectionHandlers.size() << " types):\n";
+  for (const auto& typeEntry : connectionHandlers) {
+    os << prefix << "    Type " << typeEntry.first << " (" << typeEntry.second.size()
+       << " versions):";
+    for (const auto& versionEntry : typeEntry.second) os << " " << versionEntry.first;
+    os << "\n";
+    versionCount += typeEntry.second.size();
+  }
+  os << prefix << "  --- (" << versionCount << " connection handlers) --- \n";
+
+  const std::string p4 = std::string(prefix) + "    ";
+  os << prefix << "  TCP Connections (" << tcpConnections.size() << " TCP connections):\n";
+  for (const auto& entry : tcpConnections) entry.second->dump(os, p4.c_str());
+  os << prefix << "  --- (" << tcpConnections.size() << " TCP connections) --- \n";
+
+  os << prefix << "  Pending Connections (" << pendingConnections.size()
+     << " pending connections):\n";
+  for (const auto& entry : pendingConnections) {
+    os << prefix << "    ConnectionId: " << entry.first
+       << " (endpoint: " << text(entry.second.endpoint).c_str()
+       << ", clusterId: " << entry.second.clusterId << ", type: " << entry.second.type
+       << ", remoteConnectionId: " << entry.second.remoteConnectionId << ")\n";
+  }
+  os << prefix << "  --- (" << pendingConnections.size() << " pending connections) --- \n";
+
+  os << prefix << "  Active Connections (" << activeConnections.size()
+     << " active connections):\n";
+  for (const auto& entry : activeConnections)
+    if (entry.second) entry.second->dump(os, entry.first, p4.c_str());
+  os << prefix << "  --- (" << activeConnections.size() << " active connections) --- \n";
+}
+
+}  // namespace tavrinConnector

@@ -1,0 +1,561 @@
+#include "tavrincommon/connector/TCPConnectorMaster.h"
+
+#include "tavrincommon/connector/DisconnectReason.h"
+#include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/TavrinLogging.h"
+#include "tavrincommon/network/TCPSocketHelper.h"
+#include "tavrincommon/network/TCPSocketInterface.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+
+#include <ostream>
+#include <vector>
+
+#include <sys/epoll.h>
+
+namespace tavrinConnector {
+
+using tavrinCommon::DefaultOrigins;
+using tavrinLog::SeverityLevel;
+using tavrinNetwork::SimpleEndpoint;
+using tavrinNetwork::SimpleIp;
+using tavrinNetwork::TCPSocketInterface;
+
+namespace {
+
+constexpr int kOrigin = DefaultOrigins::TCPConnector;
+
+const char* yesNo(bool value) { return value ? "yes" : "no"; }
+
+SimpleEndpoint::CharString text(const SimpleEndpoint& endpoint) {
+  return SimpleEndpoint::CharString(endpoint);
+}
+
+const SimpleEndpoint& peerOf(const SingleTCPConnectionEndpoint& connection) {
+  return connection.getTransceiver().getEndpoint();
+}
+
+// The offered versions of a connect or move message, in the order sent (the highest first).
+std::vector<unsigned short> readVersions(InputMessage& message) {
+  const unsigned count = message.getUInt16();
+  std::vector<unsigned short> versions;
+  // No more than the frame can hold: a forged count must not make us allocate for it.
+  const unsigned available = message.buffer.getRemaining() / 2;
+  versions.reserve(count < available ? count : available);
+  for (unsigned i = 0; i < count; ++i) versions.push_back(message.getUInt16());
+  return versions;
+}
+
+}  // namespace
+
+TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
+                                       ServerSocketFactory createServerSocket_,
+                                       AcceptFactory acceptClient_,
+                                       tavrinLog::TavrinLogging* logging_)
+    : TCPConnectorBase(scheduler_, logging_),
+      createServerSocket(std::move(createServerSocket_)),
+      acceptClient(std::move(acceptClient_)) {}
+
+TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
+                                       tavrinLog::TavrinLogging* logging_)
+    : TCPConnectorMaster(
+          scheduler_,
+          [logging_](const SimpleEndpoint& at, bool useMptcp) {
+            return tavrinNetwork::TCPSocketHelper::createListenSocket(at, useMptcp, logging_);
+          },
+          [logging_](TCPSocketInterface* server, SimpleEndpoint& peer) {
+            return tavrinNetwork::TCPSocketHelper::acceptClient(server, peer, logging_);
+          },
+          logging_) {}
+
+TCPConnectorMaster::~TCPConnectorMaster() {
+  setEnabled(false);
+  closeServerSocket();
+}
+
+void TCPConnectorMaster::init(unsigned connectorId_, unsigned deviceId_,
+                              ConnectorInterfaceType::Type type, unsigned clusterId_, SimpleIp ip_,
+                              unsigned short port_, bool overwriteExisting_, bool allowMove_,
+                              const ConnectionTimeout& timing_, bool mptcp_) {
+  initCommon(connectorId_, deviceId_, type, ip_, timing_, mptcp_);
+  clearAllowedConnections();
+  clearAutomaticConnections(true);
+  clusterId = clusterId_;
+  port = port_;
+  overwriteExisting = overwriteExisting_;
+  allowMove = allowMove_;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+             "Initialized TCPConnector %s %d on Device %u (0x%08X): ClusterId %u, IP: %s:%u, "
+             "overwriteExisting: %s, allowMove: %s",
+             ConnectorInterfaceType::getText(long{interfaceType}), static_cast<int>(connectorId),
+             deviceId, deviceId, clusterId, SimpleIp::CharString(ip).c_str(), unsigned{port},
+             yesNo(overwriteExisting), yesNo(allowMove));
+}
+
+SimpleEndpoint TCPConnectorMaster::getListeningEndpoint() const {
+  return serverSocket ? serverSocket->getBoundEndpoint() : SimpleEndpoint();
+}
+
+// ---- listening ----
+
+void TCPConnectorMaster::enableSpecific() {
+  if (initServerSocket()) return;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+             "Failed to initialize server socket, disabling!");
+  setGeneralError(ErrorType::initializationFailed, "Failed to initialize server socket!");
+}
+
+void TCPConnectorMaster::cleanupSpecific() { closeServerSocket(); }
+
+bool TCPConnectorMaster::initServerSocket() {
+  closeServerSocket();
+  const SimpleEndpoint at(ip, port);
+  std::unique_ptr<TCPSocketInterface> socket = createServerSocket ? createServerSocket(at, mptcp)
+                                                                  : nullptr;
+  if (!socket || !socket->valid()) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error, "Failed to create server socket at %s!",
+               text(at).c_str());
+    return false;
+  }
+  if (!socket->setDSCP(dscp)) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Failed to setup server socket at %s (DSCP)!", text(at).c_str());
+    return false;
+  }
+  serverSocket = std::move(socket);
+  tavrinScheduler::IOWatchItem item;
+  item.fd = serverSocket->getFd();
+  item.events = EPOLLIN;
+  item.callback = [this](int events) { return serverSocketCallback(events); };
+  serverWatch = scheduler->addIOItem(item, kOrigin);
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Successfully created server socket at %s (fd: %d)!", text(at).c_str(),
+             serverSocket->getFd());
+  return true;
+}
+
+void TCPConnectorMaster::closeServerSocket() {
+  scheduler->removeIOItem(serverWatch);
+  serverSocket.reset();
+}
+
+tavrinScheduler::IOWatchItem::Result TCPConnectorMaster::serverSocketCallback(int /*events*/) {
+  if (!serverSocket) return tavrinScheduler::IOWatchItem::Removed;
+  SimpleEndpoint peer;
+  std::unique_ptr<TCPSocketInterface> client =
+      acceptClient ? acceptClient(serverSocket.get(), peer) : nullptr;
+  const SimpleEndpoint server = serverSocket->getBoundEndpoint();
+  if (!client) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Failed to accept client on server socket %s!", text(server).c_str());
+  } else if (!client->setDSCP(dscp)) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Failed to setup client socket %s (NonBlock/DSCP), aborting connection attempt!",
+               text(peer).c_str());
+  } else if (tcpConnections.count(peer)) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Client socket %s is already connected, aborting connection attempt!",
+               text(peer).c_str());
+  } else {
+    tcpConnections.emplace(peer, makeTCPConnection(peer, std::move(client), true));
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service, "Accepted client %s on server socket %s",
+               text(peer).c_str(), text(server).c_str());
+  }
+  return EPOLLIN;
+}
+
+// ---- requests ----
+
+void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& connection,
+                                              unsigned requestedClusterId, unsigned connectionId,
+                                              unsigned short type, unsigned remoteConnectionId,
+                                              unsigned remoteDeviceId, InputMessage& message) {
+  const SimpleEndpoint peer = peerOf(connection);
+  const unsigned typeNumber = type;
+  auto reject = [&](int reason, unsigned id) {
+    sendConnectionRejectMessage(connection, reason, clusterId, remoteConnectionId, id, type);
+  };
+  if (requestedClusterId != clusterId) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
+               "%s (device id: %u): wrong cluster id %u (own: %u)!",
+               connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId,
+               requestedClusterId, clusterId);
+    reject(DisconnectReason::wrongClusterId, connectionId);
+    return;
+  }
+  const bool automatic = connectionId == kInvalidConnectionId;
+  if (automatic) {
+    auto range = automaticConnections.find(type);
+    if (range == automaticConnections.end()) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+                 "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
+                 "endpoint %s (device id: %u): connection not allowed!",
+                 typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
+      reject(DisconnectReason::notAllowed, kInvalidConnectionId);
+      return;
+    }
+    connectionId = getFreeConnectionId(range->second.first, range->second.second);
+    if (connectionId == kInvalidConnectionId) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+                 "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
+                 "endpoint %s (device id: %u): no free connection id found (range %u - %u)!",
+                 typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId,
+                 range->second.first, range->second.second);
+      reject(DisconnectReason::notAllowed, kInvalidConnectionId);
+      return;
+    }
+  } else {
+    auto allowed = allowedConnections.find(connectionId);
+    if (allowed == allowedConnections.end() || allowed->second != type) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+                 "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
+                 "%s (device id: %u): connection not allowed!",
+                 connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
+      reject(DisconnectReason::notAllowed, connectionId);
+      return;
+    }
+    if (activeConnections.count(connectionId) && !overwriteExisting) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+                 "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
+                 "%s (device id: %u): connection already exists!",
+                 connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
+      reject(DisconnectReason::notAllowed, connectionId);
+      return;
+    }
+  }
+  const char* automaticText = automatic ? "automatic, " : "";
+  auto versions = connectionHandlers.find(type);
+  if (versions == connectionHandlers.end() || versions->second.empty()) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
+               "%s (device id: %u): no connection handler found!",
+               connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
+               remoteDeviceId);
+    reject(DisconnectReason::noConnectionHandler, connectionId);
+    return;
+  }
+  HandlerFactory factory;
+  unsigned short version = 0;
+  for (unsigned short offered : readVersions(message)) {
+    auto found = versions->second.find(offered);
+    if (found == versions->second.end()) continue;
+    factory = found->second;
+    version = offered;
+    break;
+  }
+  if (!factory) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
+               "%s (device id: %u): no compatible connection handler found!",
+               connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
+               remoteDeviceId);
+    reject(DisconnectReason::noCompatibleConnectionHandler, connectionId);
+    return;
+  }
+  auto existing = activeConnections.find(connectionId);
+  if (existing != activeConnections.end()) {
+    std::unique_ptr<ConnectionHandlerBase> old = std::move(existing->second);
+    activeConnections.erase(existing);
+    if (old && old->isConnected()) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Info,
+                 "Replacing existing connection %u (type %u) on TCP endpoint %s (remote connection "
+                 "id: %u, remote device id: %u) with new connection to TCP endpoint %s (remote "
+                 "connection id: %u, remote device id: %u)",
+                 connectionId, typeNumber, text(old->getRemoteEndpoint()).c_str(),
+                 old->getRemoteConnectionId(), old->getRemoteDeviceId(), text(peer).c_str(),
+                 remoteConnectionId, remoteDeviceId);
+    }
+    disconnect(std::move(old), DisconnectReason::replacedByOtherConnection);
+  }
+  sendConnectionAcceptMessage(connection, clusterId, remoteConnectionId, connectionId, type,
+                              version);
+  finalizeConnection(factory, connectionId, automatic, remoteConnectionId, remoteDeviceId,
+                     clusterId, connection, true, nullptr);
+}
+
+void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connection,
+                                           unsigned requestedClusterId, unsigned connectionId,
+                                           unsigned short type, unsigned remoteConnectionId,
+                                           unsigned remoteDeviceId, InputMessage& message) {
+  const SimpleEndpoint peer = peerOf(connection);
+  const unsigned typeNumber = type;
+  auto reject = [&](int reason) {
+    sendConnectionRejectMessage(connection, reason, clusterId, remoteConnectionId, connectionId,
+                                type);
+  };
+  if (!allowMove) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
+               "device id: %u): not allowed (general setting)!",
+               connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
+    reject(DisconnectReason::notAllowed);
+    return;
+  }
+  if (requestedClusterId != clusterId) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
+               "device id: %u): wrong cluster id %u (own: %u)!",
+               connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId,
+               requestedClusterId, clusterId);
+    reject(DisconnectReason::wrongClusterId);
+    return;
+  }
+  ConnectionHandlerBase* handler = getConnection(connectionId);
+  if (!handler || !handler->isConnected()) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
+               "device id: %u): connection not found!",
+               connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
+    reject(DisconnectReason::notPresent);
+    return;
+  }
+  if (!handler->moveConnectionAllowed()) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
+               "(remote connection id: %u, device id: %u): not allowed (connection handler "
+               "setting)!",
+               connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
+               remoteConnectionId, remoteDeviceId);
+    reject(DisconnectReason::notAllowed);
+    return;
+  }
+  if (handler->getType() != type) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
+               "(remote connection id: %u, device id: %u): wrong type (current: %u)!",
+               connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
+               remoteConnectionId, remoteDeviceId, unsigned{handler->getType()});
+    reject(DisconnectReason::wrongType);
+    return;
+  }
+  bool versionOffered = false;
+  for (unsigned short offered : readVersions(message))
+    if (offered == handler->getVersion()) versionOffered = true;
+  if (!versionOffered) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
+               "(remote connection id: %u, device id: %u): no compatible connection handler "
+               "found!",
+               connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
+               remoteConnectionId, remoteDeviceId);
+    reject(DisconnectReason::noCompatibleConnectionHandler);
+    return;
+  }
+  finalizeMoveConnection(*handler, connectionId, remoteConnectionId, remoteDeviceId, connection);
+}
+
+void TCPConnectorMaster::finalizeMoveConnection(ConnectionHandlerBase& handler,
+                                                unsigned connectionId, unsigned remoteConnectionId,
+                                                unsigned remoteDeviceId,
+                                                SingleTCPConnectionEndpoint& newConnection) {
+  bool last = true;
+  const SimpleEndpoint oldPeer = handler.getRemoteEndpoint();
+  SingleTCPConnectionEndpoint* oldConnection = getTCPConnection(oldPeer);
+  if (oldConnection) {
+    last = oldConnection->removeLogicalConnection(connectionId);
+    sendDisconnectMessage(*oldConnection, DisconnectReason::connectionMoved,
+                          handler.getRemoteConnectionId());
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Info,
+               "Moving connection %u (type %u, version %u) from TCP endpoint %s (last: %s, old "
+               "remote connection id: %u, old remote device id: %u)...",
+               connectionId, unsigned{handler.getType()}, unsigned{handler.getVersion()},
+               text(oldPeer).c_str(), yesNo(last), handler.getRemoteConnectionId(),
+               handler.getRemoteDeviceId());
+    // Unless the connection stays on the same TCP connection, which must not be closed under it.
+    if (last && oldConnection != &newConnection) {
+      setConnectionEvent(oldPeer, false);
+      oldConnection->disconnect();
+    }
+  }
+  sendConnectionAcceptMessage(newConnection, clusterId, remoteConnectionId, connectionId,
+                              handler.getType(), handler.getVersion());
+  newConnection.addLogicalConnection(connectionId);
+  const SimpleEndpoint newPeer = peerOf(newConnection);
+  handler.moveConnection(remoteConnectionId, remoteDeviceId, newPeer,
+                         newConnection.isMptcpEnabled(), last,
+                         makeSendFunction(newPeer, remoteConnectionId),
+                         makeDisconnectFunction(connectionId));
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Info,
+             "Moved connection %u (type %u, version %u) to TCP endpoint %s (remote connection id: "
+             "%u, remote device id: %u)",
+             connectionId, unsigned{handler.getType()}, unsigned{handler.getVersion()},
+             text(newPeer).c_str(), remoteConnectionId, remoteDeviceId);
+}
+
+void TCPConnectorMaster::handleConnectionRejectMessage(SingleTCPConnectionEndpoint& connection,
+                                                       unsigned receivedClusterId,
+                                                       unsigned connectionId, int reason,
+                                                       unsigned remoteConnectionId,
+                                                       unsigned short type) {
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Received connection reject message for connection %u (type %u, remote connection "
+             "id: %u) from TCP endpoint %s (clusterId %u, own: %u): %s (%d); ignoring on master",
+             connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
+             receivedClusterId, clusterId, DisconnectReason::getText(long{reason}), reason);
+}
+
+void TCPConnectorMaster::handleConnectionAcceptMessage(SingleTCPConnectionEndpoint& connection,
+                                                       unsigned receivedClusterId,
+                                                       unsigned connectionId,
+                                                       unsigned short version,
+                                                       unsigned remoteConnectionId,
+                                                       unsigned /*remoteDeviceId*/,
+                                                       unsigned short type) {
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+             "Received connection accept message for connection %u (type %u, remote connection "
+             "id: %u) from TCP endpoint %s (clusterId %u, own: %u) with version %u; ignoring on "
+             "master",
+             connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
+             receivedClusterId, clusterId, unsigned{version});
+}
+
+// ---- allowed and automatic connections ----
+
+void TCPConnectorMaster::addAllowedConnection(unsigned connectionId, unsigned short type) {
+  if (!verifyValidConnectionId(connectionId)) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Failed to add allowed connection %u (type %u): Invalid connection id!",
+               connectionId, unsigned{type});
+    return;
+  }
+  auto found = allowedConnections.find(connectionId);
+  if (found != allowedConnections.end()) {
+    if (found->second == type) return;
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Replacing allowed connection %u type %u -> %u",
+               connectionId, unsigned{found->second}, unsigned{type});
+    disconnect(connectionId, DisconnectReason::allowedConnectionRemoved);
+  }
+  allowedConnections[connectionId] = type;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Added allowed connection %u (type %u)",
+             connectionId, unsigned{type});
+}
+
+void TCPConnectorMaster::removeAllowedConnection(unsigned connectionId) {
+  auto found = allowedConnections.find(connectionId);
+  if (found == allowedConnections.end()) return;
+  const unsigned short type = found->second;
+  // Erased first: a handler that asks for the id again from its disconnect hook is refused.
+  allowedConnections.erase(found);
+  disconnect(connectionId, DisconnectReason::allowedConnectionRemoved);
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Removed allowed connection %u (type %u)",
+             connectionId, unsigned{type});
+}
+
+void TCPConnectorMaster::removeAllowedConnectionType(unsigned short type) {
+  std::vector<unsigned> ids;
+  for (const auto& entry : allowedConnections)
+    if (entry.second == type) ids.push_back(entry.first);
+  for (unsigned id : ids) {
+    allowedConnections.erase(id);
+    disconnect(id, DisconnectReason::allowedConnectionRemoved);
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Removed allowed connection %u (by type %u)",
+               id, unsigned{type});
+  }
+}
+
+void TCPConnectorMaster::clearAllowedConnections() {
+  std::map<unsigned, unsigned short> removed;
+  removed.swap(allowedConnections);
+  for (const auto& entry : removed)
+    disconnect(entry.first, DisconnectReason::allowedConnectionRemoved);
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Cleared all allowed connections");
+}
+
+void TCPConnectorMaster::addAutomaticConnection(unsigned short type) {
+  addAutomaticConnection(type, kFirstAutomaticId, kLastAutomaticId);
+}
+
+void TCPConnectorMaster::addAutomaticConnection(unsigned short type, unsigned minId,
+                                                unsigned maxId) {
+  if (!verifyValidConnectionId(minId) || !verifyValidConnectionId(maxId)) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Failed to add automatic connection type %u: Invalid connection id range (%u - "
+               "%u)!",
+               unsigned{type}, minId, maxId);
+    return;
+  }
+  auto found = automaticConnections.find(type);
+  if (found != automaticConnections.end()) {
+    if (found->second.first == minId && found->second.second == maxId) return;
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+               "Replacing automatic connection type %u: (%u - %u) -> (%u - %u)", unsigned{type},
+               found->second.first, found->second.second, minId, maxId);
+  }
+  automaticConnections[type] = std::make_pair(minId, maxId);
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Added automatic connection type %u (%u - %u)",
+             unsigned{type}, minId, maxId);
+}
+
+void TCPConnectorMaster::removeAutomaticConnection(unsigned short type, bool disconnectExisting) {
+  auto found = automaticConnections.find(type);
+  if (found == automaticConnections.end()) return;
+  const std::pair<unsigned, unsigned> range = found->second;
+  automaticConnections.erase(found);
+  if (disconnectExisting) disconnectType(type, true, DisconnectReason::automaticConnectionRemoved);
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+             "Removed automatic connection type %u (minId %u, maxId %u)", unsigned{type},
+             range.first, range.second);
+}
+
+void TCPConnectorMaster::clearAutomaticConnections(bool disconnectExisting) {
+  automaticConnections.clear();
+  if (disconnectExisting) disconnectAllAutomatic(DisconnectReason::automaticConnectionRemoved);
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Cleared all automatic connections");
+}
+
+// ---- forwarding ----
+
+void TCPConnectorMaster::addMasterConnectionRejectedCallback(
+    unsigned short type, const ConnectionRejectedCallback& callback) {
+  addConnectionRejectedCallback(type, callback);
+}
+
+void TCPConnectorMaster::removeMasterConnectionRejectedCallback(unsigned short type) {
+  removeConnectionRejectedCallback(type);
+}
+
+void TCPConnectorMaster::addMasterConnectionHandler(unsigned short type, unsigned short version,
+                                                    HandlerFactory factory) {
+  addConnectionHandler(type, version, std::move(factory));
+}
+
+void TCPConnectorMaster::removeMasterConnectionHandler(unsigned short type,
+                                                       unsigned short version) {
+  removeConnectionHandler(type, version);
+}
+
+void TCPConnectorMaster::clearMasterConnectionHandlers() { clearConnectionHandlers(); }
+
+void TCPConnectorMaster::disconnectFromMaster(unsigned connectionId, int reason) {
+  disconnect(connectionId, reason);
+}
+
+void TCPConnectorMaster::disconnectRemoteDeviceFromMaster(SimpleIp remoteIp, int reason) {
+  disconnectRemoteDevice(remoteIp, reason);
+}
+
+void TCPConnectorMaster::disconnectAllConnectionsFromMaster(int reason) {
+  disconnectAllConnections(reason);
+}
+
+// ---- diagnostics ----
+
+void TCPConnectorMaster::dumpSpecific(std::ostream& os, const char* prefix) const {
+  os << prefix << "  ClusterId: " << clusterId << "\n";
+  os << prefix << "  IP: " << SimpleIp::CharString(ip).c_str() << ":" << port << "\n";
+  os << prefix << "  OverwriteExisting: " << yesNo(overwriteExisting) << "\n";
+  os << prefix << "  AllowMove: " << yesNo(allowMove) << "\n";
+  os << prefix << "  Allowed Connections (" << allowedConnections.size() << " entries):\n";
+  for (const auto& entry : allowedConnections)
+    os << prefix << "    " << entry.first << " (type " << entry.second << ")\n";
+  os << prefix << "  --- (" << allowedConnections.size() << " allowed connections) --- \n";
+  os << prefix << "  Automatic Connections (" << automaticConnections.size() << " entries):\n";
+  for (const auto& entry : automaticConnections)
+    os << prefix << "    Type: " << entry.first << " (minId " << entry.second.first << ", maxId "
+       << entry.second.second << ")\n";
+  os << prefix << "  --- (" << automaticConnections.size() << " automatic connections) --- \n";
+}
+
+}  // namespace tavrinConnector

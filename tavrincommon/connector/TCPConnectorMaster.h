@@ -1,0 +1,110 @@
+// The server side of the TCP connector: listens on one port, accepts TCP connections from slaves
+// and decides every request for a logical connection (allowed ids, automatic id ranges, cluster,
+// replacement of an existing connection, common handler version) and every move. Owns its server
+// socket, besides what the connector base owns. Loop thread only; nothing is locked.
+#pragma once
+
+#include "tavrincommon/connector/TCPConnectorBase.h"
+#include "tavrincommon/connector/TCPConnectorMasterInterface.h"
+#include "tavrincommon/scheduler/IOWatchItem.h"
+
+#include <map>
+#include <utility>
+
+namespace tavrinConnector {
+
+class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInterface {
+ public:
+  using ServerSocketFactory = std::function<std::unique_ptr<tavrinNetwork::TCPSocketInterface>(
+      const tavrinNetwork::SimpleEndpoint& at, bool mptcp)>;
+  // Fills `peer` with the client's address.
+  using AcceptFactory = std::function<std::unique_ptr<tavrinNetwork::TCPSocketInterface>(
+      tavrinNetwork::TCPSocketInterface* server, tavrinNetwork::SimpleEndpoint& peer)>;
+
+  static constexpr unsigned kFirstAutomaticId = 1;
+  static constexpr unsigned kLastAutomaticId = 4294967294u;
+
+  TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler, ServerSocketFactory createServerSocket,
+                     AcceptFactory acceptClient, tavrinLog::TavrinLogging* logging);
+  // With the sockets of the network helpers.
+  TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler, tavrinLog::TavrinLogging* logging);
+  ~TCPConnectorMaster() override;
+
+  // Disables the connector and clears handlers, rejected callbacks, allowed and automatic
+  // connections; stays disabled until setEnabled(true).
+  void init(unsigned connectorId_, unsigned deviceId_, ConnectorInterfaceType::Type type,
+            unsigned clusterId_, tavrinNetwork::SimpleIp ip_, unsigned short port_,
+            bool overwriteExisting_, bool allowMove_, const ConnectionTimeout& timing_,
+            bool mptcp_);
+
+  void addAllowedConnection(unsigned connectionId, unsigned short type) override;
+  void removeAllowedConnection(unsigned connectionId) override;
+  void removeAllowedConnectionType(unsigned short type) override;
+  void clearAllowedConnections() override;
+  void addAutomaticConnection(unsigned short type) override;
+  void addAutomaticConnection(unsigned short type, unsigned minId, unsigned maxId) override;
+  void removeAutomaticConnection(unsigned short type, bool disconnect) override;
+  void clearAutomaticConnections(bool disconnect) override;
+  void addMasterConnectionRejectedCallback(unsigned short type,
+                                           const ConnectionRejectedCallback& callback) override;
+  void removeMasterConnectionRejectedCallback(unsigned short type) override;
+  void addMasterConnectionHandler(unsigned short type, unsigned short version,
+                                  HandlerFactory factory) override;
+  void removeMasterConnectionHandler(unsigned short type, unsigned short version) override;
+  void clearMasterConnectionHandlers() override;
+  void disconnectFromMaster(unsigned connectionId, int reason) override;
+  void disconnectRemoteDeviceFromMaster(tavrinNetwork::SimpleIp ip_, int reason) override;
+  void disconnectAllConnectionsFromMaster(int reason) override;
+  ConnectorInterfaceType::Type getMasterType() const override { return interfaceType; }
+  unsigned short getMasterVersion() const override { return kProtocolVersion; }
+  unsigned getMasterConnectorId() const override { return connectorId; }
+  unsigned getMasterDeviceId() const override { return deviceId; }
+  tavrinNetwork::SimpleIp getMasterIp() const override { return ip; }
+  unsigned getMasterClusterId() const override { return clusterId; }
+  unsigned short getMasterPort() const override { return port; }
+  tavrinNetwork::SimpleEndpoint getMasterEndpoint() const override { return {ip, port}; }
+
+  bool isListening() const { return serverSocket != nullptr; }
+  // The address the server socket is bound to (with the port the system chose for port 0).
+  tavrinNetwork::SimpleEndpoint getListeningEndpoint() const;
+
+ protected:
+  void enableSpecific() override;
+  void cleanupSpecific() override;
+  void dumpSpecific(std::ostream& os, const char* prefix) const override;
+  void handleConnectMessage(SingleTCPConnectionEndpoint& endpoint, unsigned clusterId_,
+                            unsigned connectionId, unsigned short type,
+                            unsigned remoteConnectionId, unsigned remoteDeviceId,
+                            InputMessage& message) override;
+  void handleMoveMessage(SingleTCPConnectionEndpoint& endpoint, unsigned clusterId_,
+                         unsigned connectionId, unsigned short type, unsigned remoteConnectionId,
+                         unsigned remoteDeviceId, InputMessage& message) override;
+  void handleConnectionRejectMessage(SingleTCPConnectionEndpoint& endpoint, unsigned clusterId_,
+                                     unsigned connectionId, int reason,
+                                     unsigned remoteConnectionId, unsigned short type) override;
+  void handleConnectionAcceptMessage(SingleTCPConnectionEndpoint& endpoint, unsigned clusterId_,
+                                     unsigned connectionId, unsigned short version,
+                                     unsigned remoteConnectionId, unsigned remoteDeviceId,
+                                     unsigned short type) override;
+
+  bool initServerSocket();
+  void closeServerSocket();
+  tavrinScheduler::IOWatchItem::Result serverSocketCallback(int events);
+  void finalizeMoveConnection(ConnectionHandlerBase& handler, unsigned connectionId,
+                              unsigned remoteConnectionId, unsigned remoteDeviceId,
+                              SingleTCPConnectionEndpoint& connection);
+
+ private:
+  ServerSocketFactory createServerSocket;
+  AcceptFactory acceptClient;
+  unsigned clusterId = 0xFFFFFFFFu;
+  unsigned short port = 0;
+  bool overwriteExisting = false;
+  bool allowMove = false;
+  std::unique_ptr<tavrinNetwork::TCPSocketInterface> serverSocket;
+  tavrinScheduler::IOWatchHandle serverWatch;
+  std::map<unsigned, unsigned short> allowedConnections;
+  std::map<unsigned short, std::pair<unsigned, unsigned>> automaticConnections;
+};
+
+}  // namespace tavrinConnector

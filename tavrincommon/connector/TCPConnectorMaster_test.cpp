@@ -1,0 +1,337 @@
+#include "tavrincommon/connector/TCPConnectorMaster.h"
+
+#include "tavrincommon/connector/DisconnectReason.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/RecordingHandler.h"
+#include "tavrincommon/testing/RunUntil.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace tavrinConnector {
+namespace {
+
+using namespace std::chrono_literals;
+using tavrinNetwork::SimpleEndpoint;
+using tavrinNetwork::SimpleIp;
+using tavrinTesting::HandlerRecord;
+using tavrinTesting::RecordingHandler;
+
+// Little-endian fields, written and read by hand: an encoder independent of the library's.
+struct Bytes {
+  std::string data;
+  Bytes& u8(uint8_t v) {
+    data.push_back(static_cast<char>(v));
+    return *this;
+  }
+  Bytes& u16(uint16_t v) { return u8(v & 0xFF).u8(v >> 8); }
+  Bytes& u32(uint32_t v) { return u16(v & 0xFFFF).u16(v >> 16); }
+};
+
+std::string frame(uint8_t type, uint32_t info, const std::string& payload = {}) {
+  Bytes b;
+  b.u8(0xA5).u32(static_cast<uint32_t>(payload.size() + 6)).u8(type).u32(info);
+  b.data += payload;
+  b.u8(0x5A);
+  return b.data;
+}
+
+uint32_t readU32(const std::string& s, size_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<uint8_t>(s[at + static_cast<size_t>(i)]);
+  return v;
+}
+uint16_t readU16(const std::string& s, size_t at) {
+  return static_cast<uint16_t>(static_cast<uint8_t>(s[at]) | (static_cast<uint8_t>(s[at + 1]) << 8));
+}
+
+struct Frame {
+  uint8_t type = 0xFF;
+  uint32_t info = 0;
+  std::string payload;
+};
+
+// A plain non-blocking POSIX client of the master.
+class RawPeer {
+ public:
+  explicit RawPeer(const SimpleEndpoint& to) {
+    fd = socket(AF_INET, SOCK_STREAM, 0);
+    connected = ::connect(fd, to.sockAddr(), SimpleEndpoint::kSockAddrLength) == 0;
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  }
+  ~RawPeer() { close(fd); }
+  void send(const std::string& bytes) {
+    ASSERT_EQ(::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
+  // Reads what has arrived; false once the master has closed the connection.
+  bool poll() {
+    char chunk[4096];
+    for (;;) {
+      const ssize_t n = recv(fd, chunk, sizeof(chunk), 0);
+      if (n > 0) {
+        received.append(chunk, static_cast<size_t>(n));
+        continue;
+      }
+      if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) closedByPeer = true;
+      return !closedByPeer;
+    }
+  }
+  // The next whole frame, skipping the master's keep-alive pongs (info 0).
+  bool next(tavrinScheduler::Scheduler& scheduler, Frame& out) {
+    return tavrinTesting::runUntil(scheduler, [&] {
+      poll();
+      while (received.size() >= 11) {
+        const uint32_t length = readU32(received, 1);
+        if (received.size() < length + 5) return false;
+        Frame f{static_cast<uint8_t>(received[5]), readU32(received, 6),
+                received.substr(10, length - 6)};
+        EXPECT_EQ(static_cast<uint8_t>(received[0]), 0xA5);
+        EXPECT_EQ(static_cast<uint8_t>(received[length + 4]), 0x5A);
+        received.erase(0, length + 5);
+        if (f.type == 1 && f.info == 0) continue;
+        out = f;
+        return true;
+      }
+      return false;
+    });
+  }
+
+  int fd;
+  bool connected = false;
+  bool closedByPeer = false;
+  std::string received;
+};
+
+std::string connectPayload(uint32_t masterId, uint16_t type, uint32_t ownId, uint32_t device,
+                           const std::vector<uint16_t>& versions) {
+  Bytes b;
+  b.u32(masterId).u16(type).u32(ownId).u32(device).u16(static_cast<uint16_t>(versions.size()));
+  for (uint16_t v : versions) b.u16(v);
+  return b.data;
+}
+
+class TCPConnectorMasterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    master.init(3, 0xABCD, ConnectorInterfaceType::PanelMaster, 8, SimpleIp("127.0.0.1"), 0, false,
+                false, ConnectionTimeout{}, false);
+    master.addConnectionHandler(5, 1, RecordingHandler::factory(5, 1, record));
+    master.addConnectionHandler(5, 2, RecordingHandler::factory(5, 2, record));
+    master.addAllowedConnection(12, 5);
+    master.setEnabled(true);
+    ASSERT_TRUE(master.isListening());
+    peer = std::make_unique<RawPeer>(master.getListeningEndpoint());
+    ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 1; }));
+  }
+  Frame next() {
+    Frame f;
+    EXPECT_TRUE(peer->next(scheduler, f)) << log.text();
+    return f;
+  }
+
+  tavrinTesting::LogCapture log;
+  tavrinScheduler::Scheduler scheduler{log.logging()};
+  std::shared_ptr<HandlerRecord> record = std::make_shared<HandlerRecord>();
+  TCPConnectorMaster master{&scheduler, log.logging()};
+  std::unique_ptr<RawPeer> peer;
+};
+
+TEST_F(TCPConnectorMasterTest, AnswersAHandBuiltConnectFieldByField) {
+  peer->send(frame(2, 0x00010000));  // only the low 16 bits are the version
+  peer->send(frame(3, 8, connectPayload(12, 5, 77, 0x1234, {3, 2, 1})));
+  const Frame accept = next();
+  EXPECT_EQ(accept.type, 9);
+  EXPECT_EQ(accept.info, 8u);
+  ASSERT_EQ(accept.payload.size(), 16u);
+  EXPECT_EQ(readU32(accept.payload, 0), 77u);  // the slave's id comes first
+  EXPECT_EQ(readU16(accept.payload, 4), 5);
+  EXPECT_EQ(readU16(accept.payload, 6), 2);    // the highest common version
+  EXPECT_EQ(readU32(accept.payload, 8), 12u);
+  EXPECT_EQ(readU32(accept.payload, 12), 0xABCDu);
+  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return record->count("connected") == 1; }));
+  RecordingHandler* handler = static_cast<RecordingHandler*>(master.getConnection(12));
+  EXPECT_EQ(handler->getRemoteDeviceId(), 0x1234u);
+
+  // Data both ways, addressed with the receiver's id.
+  peer->send(frame(4, 12, "abc"));
+  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return record->count("received") == 1; }));
+  EXPECT_EQ(record->lastOf("received").payload, "abc");
+  handler->send("xyz");
+  const Frame data = next();
+  EXPECT_EQ(data.type, 4);
+  EXPECT_EQ(data.info, 77u);
+  EXPECT_EQ(data.payload, "xyz");
+
+  // A disconnect ends the connection, is answered with one of the master's own, and the TCP
+  // connection that carried nothing else is closed.
+  peer->send(frame(6, 12, Bytes().u32(static_cast<uint32_t>(-42)).data));
+  const Frame answer = next();
+  EXPECT_EQ(answer.type, 6);
+  EXPECT_EQ(answer.info, 77u);
+  EXPECT_EQ(static_cast<int32_t>(readU32(answer.payload, 0)), -42);
+  EXPECT_EQ(record->lastOf("disconnected").reason, -42);
+  EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return !peer->poll(); }));
+}
+
+TEST_F(TCPConnectorMasterTest, AnswersControlMessagesAndUnknownIds) {
+  peer->send(frame(0, 1234));
+  Frame pong = next();
+  EXPECT_EQ(pong.type, 1);
+  EXPECT_EQ(pong.info, 1234u);
+  EXPECT_TRUE(pong.payload.empty());
+
+  peer->send(frame(10, 5, "announce"));  // a multicast type on TCP: ignored
+  peer->send(frame(1, 99));              // a pong: ignored
+  peer->send(frame(4, 555, "data"));
+  Frame notFound = next();
+  EXPECT_EQ(notFound.type, 7);
+  EXPECT_EQ(notFound.info, 555u);
+  EXPECT_TRUE(log.contains("Unsupported message type 10 received from 127.0.0.1:"));
+  EXPECT_TRUE(log.contains("(additional Info: 5, data length: 14 bytes), ignoring"));
+  EXPECT_TRUE(log.contains("No logical connection with connection Id 555 on local TCP endpoint"));
+
+  peer->send(frame(6, 556, Bytes().u32(1).data));
+  notFound = next();
+  EXPECT_EQ(notFound.type, 7);
+  EXPECT_EQ(notFound.info, 556u);
+
+  peer->send(frame(6, 0xFFFFFFFFu, Bytes().u32(static_cast<uint32_t>(-1)).data));
+  EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return !peer->poll(); }));
+  EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }));
+  EXPECT_TRUE(log.contains("TCP disconnect message received from TCP endpoint 127.0.0.1:"));
+}
+
+TEST_F(TCPConnectorMasterTest, AnIncompatibleVersionEndsTheTCPConnection) {
+  peer->send(frame(2, 1));
+  const Frame bye = next();
+  EXPECT_EQ(bye.type, 6);
+  EXPECT_EQ(bye.info, 0xFFFFFFFFu);
+  EXPECT_EQ(static_cast<int32_t>(readU32(bye.payload, 0)), DisconnectReason::incompatible);
+  EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return !peer->poll(); }));
+  EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }));
+}
+
+TEST_F(TCPConnectorMasterTest, RejectsAreLaidOutFieldByField) {
+  master.addAutomaticConnection(5, 100, 100);
+  // No versions at all: refused for the version, after the id checks passed.
+  peer->send(frame(3, 8, connectPayload(12, 5, 70, 1, {})));
+  Frame reject = next();
+  EXPECT_EQ(reject.type, 8);
+  EXPECT_EQ(reject.info, 8u);
+  ASSERT_EQ(reject.payload.size(), 14u);
+  EXPECT_EQ(readU32(reject.payload, 0), 70u);
+  EXPECT_EQ(readU16(reject.payload, 4), 5);
+  EXPECT_EQ(readU32(reject.payload, 6), 12u);
+  EXPECT_EQ(static_cast<int32_t>(readU32(reject.payload, 10)),
+            DisconnectReason::noCompatibleConnectionHandler);
+
+  // The reject of a foreign cluster carries the master's own cluster id.
+  peer->send(frame(3, 7, connectPayload(12, 5, 71, 1, {1})));
+  reject = next();
+  EXPECT_EQ(reject.info, 8u);
+  EXPECT_EQ(static_cast<int32_t>(readU32(reject.payload, 10)), DisconnectReason::wrongClusterId);
+
+  // An automatic request gets the free id of the range; the next finds it full and gets none.
+  peer->send(frame(3, 8, connectPayload(0xFFFFFFFFu, 5, 72, 1, {1})));
+  Frame accept = next();
+  EXPECT_EQ(accept.type, 9);
+  EXPECT_EQ(readU32(accept.payload, 8), 100u);
+  peer->send(frame(3, 8, connectPayload(0xFFFFFFFFu, 5, 73, 1, {1})));
+  reject = next();
+  EXPECT_EQ(reject.type, 8);
+  EXPECT_EQ(readU32(reject.payload, 6), 0xFFFFFFFFu);
+  EXPECT_EQ(static_cast<int32_t>(readU32(reject.payload, 10)), DisconnectReason::notAllowed);
+
+  // A connectionNotFound ends every connection whose remote id matches, with a disconnect.
+  peer->send(frame(7, 72));
+  Frame bye = next();
+  EXPECT_EQ(bye.type, 6);
+  EXPECT_EQ(bye.info, 72u);
+  EXPECT_EQ(static_cast<int32_t>(readU32(bye.payload, 0)), DisconnectReason::notPresent);
+  EXPECT_EQ(master.getActiveConnectionCount(), 0u);
+}
+
+TEST_F(TCPConnectorMasterTest, ConfigurationIsCheckedAndDumped) {
+  master.addAllowedConnection(0, 5);
+  EXPECT_TRUE(log.contains("Failed to add allowed connection 0 (type 5): Invalid connection id!"));
+  master.addAutomaticConnection(5, 0, 10);
+  EXPECT_TRUE(log.contains(
+      "Failed to add automatic connection type 5: Invalid connection id range (0 - 10)!"));
+  master.addAutomaticConnection(6);
+  master.addAllowedConnection(13, 6);
+
+  // Re-typing a live allowed connection ends it with allowedConnectionRemoved.
+  peer->send(frame(3, 8, connectPayload(12, 5, 77, 1, {1})));
+  ASSERT_EQ(next().type, 9);
+  master.addAllowedConnection(12, 6);
+  EXPECT_EQ(record->lastOf("disconnected").reason, DisconnectReason::allowedConnectionRemoved);
+  EXPECT_TRUE(log.contains("Replacing allowed connection 12 type 5 -> 6"));
+
+  std::ostringstream out;
+  master.dump(out, "# ");
+  const std::string text = out.str();
+  EXPECT_EQ(text.substr(0, text.find('\n') + 1),
+            "# TCPConnector Panel Master 3 on Device 43981 (0xabcd, IP: 127.0.0.1, DSCP: 0, "
+            "connection timeout: 10s, keep alive interval: 5s):\n");
+  EXPECT_NE(text.find("#   ClusterId: 8\n#   IP: 127.0.0.1:0\n#   OverwriteExisting: no\n"
+                      "#   AllowMove: no\n#   Allowed Connections (2 entries):\n#     12 (type 6)\n"
+                      "#     13 (type 6)\n#   --- (2 allowed connections) --- \n"
+                      "#   Automatic Connections (1 entries):\n"
+                      "#     Type: 6 (minId 1, maxId 4294967294)\n"
+                      "#   --- (1 automatic connections) --- \n"
+                      "#   ConnectionHandler (1 types):\n#     Type 5 (2 versions): 1 2\n"
+                      "#   --- (2 connection handlers) --- \n#   TCP Connections (1 TCP connections):\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("#   Pending Connections (0 pending connections):\n"
+                      "#   --- (0 pending connections) --- \n"
+                      "#   Active Connections (0 active connections):\n"
+                      "#   --- (0 active connections) --- \n"),
+            std::string::npos)
+      << text;
+}
+
+TEST_F(TCPConnectorMasterTest, AServerSocketThatCannotOpenDisablesTheMaster) {
+  TCPConnectorMaster second(&scheduler, log.logging());
+  std::vector<std::string> errors;
+  second.setGeneralErrorCallback(
+      [&](ErrorType::Type type, const std::string& text) {
+        errors.push_back(std::string(ErrorType::getText(type)) + ": " + text);
+      });
+  // The port the first master already listens on.
+  second.init(4, 1, ConnectorInterfaceType::PanelMaster, 8, SimpleIp("127.0.0.1"),
+              master.getListeningEndpoint().getPort(), false, false, ConnectionTimeout{}, false);
+  second.setEnabled(true);
+  EXPECT_FALSE(second.isEnabled());
+  EXPECT_EQ(errors, std::vector<std::string>{"initializationFailed: Failed to initialize server socket!"});
+  EXPECT_TRUE(log.contains("Failed to initialize server socket, disabling!"));
+  EXPECT_TRUE(log.contains("Error 1 (initializationFailed): 'Failed to initialize server socket!'"));
+}
+
+TEST_F(TCPConnectorMasterTest, FrameSizeBoundAppliesToAcceptedConnections) {
+  master.setMaxFrameLength(64);
+  RawPeer second(master.getListeningEndpoint());
+  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 2; }));
+  // Both the connection accepted before and the one accepted after are bounded.
+  second.send(frame(4, 1, std::string(100, 'x')));
+  peer->send(frame(4, 1, std::string(100, 'x')));
+  EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }))
+      << log.text();
+  EXPECT_EQ(log.count("exceeds the maximum frame length of 64 bytes"), 2u);
+}
+
+}  // namespace
+}  // namespace tavrinConnector

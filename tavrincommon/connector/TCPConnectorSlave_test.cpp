@@ -1,0 +1,317 @@
+#include "tavrincommon/connector/TCPConnectorSlave.h"
+
+#include "tavrincommon/connector/DisconnectReason.h"
+#include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/FakeTCPSocket.h"
+#include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/RecordingHandler.h"
+#include "tavrincommon/testing/RunUntil.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace tavrinConnector {
+namespace {
+
+using namespace std::chrono_literals;
+using tavrinNetwork::SimpleEndpoint;
+using tavrinNetwork::SimpleIp;
+using tavrinTesting::FakeTCPSocket;
+using tavrinTesting::HandlerRecord;
+using tavrinTesting::RecordingHandler;
+
+struct Bytes {
+  std::string data;
+  Bytes& u8(uint8_t v) {
+    data.push_back(static_cast<char>(v));
+    return *this;
+  }
+  Bytes& u16(uint16_t v) { return u8(v & 0xFF).u8(v >> 8); }
+  Bytes& u32(uint32_t v) { return u16(v & 0xFFFF).u16(v >> 16); }
+};
+
+std::string frame(uint8_t type, uint32_t info, const std::string& payload = {}) {
+  Bytes b;
+  b.u8(0xA5).u32(static_cast<uint32_t>(payload.size() + 6)).u8(type).u32(info);
+  b.data += payload;
+  b.u8(0x5A);
+  return b.data;
+}
+
+std::string acceptFrame(uint32_t ownId, uint16_t type, uint16_t version, uint32_t masterId) {
+  return frame(9, 8, Bytes().u32(ownId).u16(type).u16(version).u32(masterId).u32(100).data);
+}
+
+struct Rejection {
+  unsigned clusterId;
+  unsigned connectionId;
+  int reason;
+  unsigned remoteConnectionId;
+  bool hadData;
+};
+
+struct Tag : CustomConnectData {
+  explicit Tag(int* destroyed_) : destroyed(destroyed_) {}
+  ~Tag() override { ++*destroyed; }
+  int* destroyed;
+};
+
+class TCPConnectorSlaveTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    slave.initCommon(2, 200, ConnectorInterfaceType::Client, SimpleIp("127.0.0.1"),
+                     ConnectionTimeout{}, false);
+    for (unsigned short version : {1, 2, 5})
+      slave.addConnectionHandler(5, version, RecordingHandler::factory(5, version, record));
+    slave.addConnectionRejectedCallback(
+        5, [this](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason, unsigned remote,
+                  unsigned short, const CustomConnectData* data) {
+          rejections.push_back({cluster, id, reason, remote, data != nullptr});
+        });
+    slave.setEnabled(true);
+  }
+  void makeSlave(const ConnectionTimeout& timing) {
+    slave.initCommon(2, 200, ConnectorInterfaceType::Client, SimpleIp("127.0.0.1"), timing, false);
+    slave.addConnectionHandler(5, 1, RecordingHandler::factory(5, 1, record));
+    slave.setEnabled(true);
+  }
+  bool run(const std::function<bool()>& condition, std::chrono::milliseconds limit = 3s) {
+    return tavrinTesting::runUntil(scheduler, condition, limit);
+  }
+
+  tavrinTesting::LogCapture log;
+  tavrinScheduler::Scheduler scheduler{log.logging()};
+  std::shared_ptr<HandlerRecord> record = std::make_shared<HandlerRecord>();
+  std::vector<FakeTCPSocket*> sockets;
+  bool factoryFails = false;
+  // Before the connector: its destructor still reports the requests it drops.
+  std::vector<Rejection> rejections;
+  TCPConnectorSlave slave{&scheduler,
+                          [this](const SimpleEndpoint&, const SimpleIp&, bool& connectedNow, bool)
+                              -> std::unique_ptr<tavrinNetwork::TCPSocketInterface> {
+                            if (factoryFails) return nullptr;
+                            auto socket = std::make_unique<FakeTCPSocket>();
+                            sockets.push_back(socket.get());
+                            connectedNow = true;
+                            return socket;
+                          },
+                          log.logging()};
+  const SimpleEndpoint master{SimpleIp("127.0.0.1"), 4000};
+};
+
+TEST_F(TCPConnectorSlaveTest, GreetsANewTCPConnectionThenAsksWithItsVersionsHighestFirst) {
+  ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
+  ASSERT_EQ(sockets.size(), 1u);
+  const std::string version = frame(2, 0);
+  const std::string connect =
+      frame(3, 8, Bytes().u32(12).u16(5).u32(7).u32(200).u16(3).u16(5).u16(2).u16(1).data);
+  EXPECT_EQ(sockets[0]->written, version + connect);
+  EXPECT_TRUE(slave.isPending(7));
+  EXPECT_TRUE(slave.getTCPConnection(master)->hasLogicalConnection(7));
+  EXPECT_TRUE(log.contains("Started to create connection 7 (type 5, remote connection id: 12) to "
+                           "TCP endpoint 127.0.0.1:4000 (cluster id 8), waiting for response..."));
+
+  // The second request reuses the connection; an automatic one asks for 0xFFFFFFFF.
+  EXPECT_EQ(slave.connectAutomatic(master, 8, 5, nullptr), 1u);
+  EXPECT_EQ(sockets.size(), 1u);
+  EXPECT_EQ(sockets[0]->written.substr(version.size() + connect.size()),
+            frame(3, 8, Bytes().u32(0xFFFFFFFFu).u16(5).u32(1).u32(200).u16(3).u16(5).u16(2).u16(1).data));
+  // A move request has the same layout under its own type.
+  EXPECT_EQ(slave.moveConnection(master, 8, 5, 40, nullptr), 2u);
+  EXPECT_EQ(sockets[0]->written.substr(sockets[0]->written.size() - 33, 6),
+            std::string("\xA5\x1C\x00\x00\x00\x05", 6));
+
+  std::ostringstream out;
+  slave.dump(out, "");
+  EXPECT_NE(out.str().find("  Pending Connections (3 pending connections):\n"
+                           "    ConnectionId: 1 (endpoint: 127.0.0.1:4000, clusterId: 8, type: 5, "
+                           "remoteConnectionId: 4294967295)\n"),
+            std::string::npos)
+      << out.str();
+}
+
+TEST_F(TCPConnectorSlaveTest, AnAcceptCreatesTheHandlerWithTheCustomData) {
+  int destroyed = 0;
+  ASSERT_TRUE(slave.connectAutomatic(master, 8, 5, 7, std::make_unique<Tag>(&destroyed)));
+  sockets[0]->addChunk(acceptFrame(7, 5, 2, 300));
+  ASSERT_TRUE(run([&] { return record->count("connected") == 1; })) << log.text();
+  auto* handler = static_cast<RecordingHandler*>(slave.getConnection(7));
+  EXPECT_EQ(handler->getVersion(), 2);
+  EXPECT_TRUE(handler->isAutomatic());
+  EXPECT_EQ(handler->getRemoteConnectionId(), 300u);
+  EXPECT_EQ(handler->getRemoteDeviceId(), 100u);
+  ASSERT_NE(handler->getCustomConnectData(), nullptr);
+  EXPECT_FALSE(slave.isPending(7));
+  EXPECT_EQ(destroyed, 0);
+
+  // Data goes out addressed with the master's id.
+  sockets[0]->written.clear();
+  handler->send("hi");
+  EXPECT_EQ(sockets[0]->written, frame(4, 300, "hi"));
+
+  // A second accept for the same id is no longer pending: logged, nothing sent.
+  sockets[0]->written.clear();
+  sockets[0]->addChunk(acceptFrame(7, 5, 2, 300));
+  ASSERT_TRUE(run([&] { return log.contains("Ignoring connection accept message for connection 7"); }));
+  EXPECT_TRUE(sockets[0]->written.empty());
+
+  // So is a connect message: a slave decides nothing.
+  sockets[0]->addChunk(frame(3, 8, Bytes().u32(1).u16(5).u32(2).u32(3).u16(0).data));
+  ASSERT_TRUE(run([&] { return log.contains("Received connect message for connection 1 (type 5, "
+                                            "remote connection id: 2) from TCP endpoint "
+                                            "127.0.0.1:4000 (cluster id 8, device id: 3); "
+                                            "ignoring on client"); }));
+  EXPECT_TRUE(sockets[0]->written.empty());
+  slave.setEnabled(false);
+  ASSERT_TRUE(run([&] { return destroyed == 1; }));
+}
+
+TEST_F(TCPConnectorSlaveTest, LocalFailuresAreReportedBeforeTheCallReturns) {
+  int destroyed = 0;
+  ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
+  const std::string before = sockets[0]->written;
+  for (unsigned id : {0u, 0xFFFFFFFFu, 7u})
+    EXPECT_FALSE(slave.connect(master, 8, 5, 12, id, std::make_unique<Tag>(&destroyed)));
+  EXPECT_FALSE(slave.connect(master, 8, 6, 12, 8, std::make_unique<Tag>(&destroyed)));
+  factoryFails = true;
+  const SimpleEndpoint other(SimpleIp("127.0.0.1"), 4001);
+  EXPECT_EQ(slave.connect(other, 8, 5, 12, std::make_unique<Tag>(&destroyed)), 0xFFFFFFFFu);
+
+  ASSERT_EQ(rejections.size(), 4u);  // type 6 has no rejected callback
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(rejections[i].reason, DisconnectReason::notAllowed);
+    EXPECT_EQ(rejections[i].clusterId, 0xFFFFFFFFu);
+    EXPECT_TRUE(rejections[i].hadData);
+  }
+  EXPECT_EQ(rejections[3].reason, DisconnectReason::connectionInterrupted);
+  EXPECT_EQ(destroyed, 5);
+  EXPECT_EQ(sockets[0]->written, before);
+  EXPECT_EQ(slave.getTCPConnection(other), nullptr);
+  EXPECT_TRUE(log.contains("Failed to create connection 0 (type 5, remote connection id: 12) to TCP "
+                           "endpoint 127.0.0.1:4000 (cluster id 8): Invalid connectionId!"));
+  EXPECT_TRUE(log.contains("Failed to create connection 8 (type 6, remote connection id: 12) to TCP "
+                           "endpoint 127.0.0.1:4000 (cluster id 8): No connection handler for this "
+                           "type!"));
+  EXPECT_TRUE(log.contains("(cluster id 8): Failed to create TCP connection!"));
+}
+
+TEST_F(TCPConnectorSlaveTest, RejectsAndLocalDisconnectsEndPendingRequests) {
+  ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
+  ASSERT_TRUE(slave.connect(master, 8, 5, 13, 8, nullptr));
+  sockets[0]->addChunk(
+      frame(8, 9, Bytes().u32(7).u16(5).u32(12).u32(static_cast<uint32_t>(-6)).data));
+  ASSERT_TRUE(run([&] { return rejections.size() == 1; }));
+  // The pending entry's cluster id is reported, not the one in the reject.
+  EXPECT_EQ(rejections[0].clusterId, 8u);
+  EXPECT_EQ(rejections[0].reason, DisconnectReason::wrongClusterId);
+  EXPECT_EQ(rejections[0].remoteConnectionId, 12u);
+  EXPECT_TRUE(log.contains("Rejected connection 7 (type 5, remote connection id: 12) to TCP "
+                           "endpoint 127.0.0.1:4000 (cluster id 9): wrongClusterId (-6)!"));
+  EXPECT_FALSE(slave.getTCPConnection(master)->hasLogicalConnection(7));
+  EXPECT_EQ(sockets[0]->closeCalls, 0);
+
+  // Ending the last pending request with an application reason closes the TCP connection.
+  slave.disconnect(8, 7);
+  ASSERT_EQ(rejections.size(), 2u);
+  EXPECT_EQ(rejections[1].reason, 7);
+  EXPECT_FALSE(slave.getTCPConnection(master)->isConnected());
+  ASSERT_TRUE(run([&] { return slave.getTCPConnectionCount() == 0; }));
+  slave.disconnect(99, 7);
+  EXPECT_EQ(rejections.size(), 2u);
+
+  // A reject for a request that is no longer pending changes nothing.
+  ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
+  sockets[1]->addChunk(
+      frame(8, 8, Bytes().u32(70).u16(5).u32(12).u32(static_cast<uint32_t>(-8)).data));
+  ASSERT_TRUE(run([&] { return log.contains("Ignoring connection reject message for connection 70"); }));
+  EXPECT_EQ(rejections.size(), 2u);
+}
+
+TEST_F(TCPConnectorSlaveTest, RejectedCallbacksMayChangeThePendingTableWhileItIsWalked) {
+  bool retried = false;
+  slave.addConnectionRejectedCallback(
+      5, [&](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason, unsigned remote,
+             unsigned short, const CustomConnectData*) {
+        rejections.push_back({cluster, id, reason, remote, false});
+        if (id != 1 || retried) return;
+        retried = true;
+        slave.disconnect(2, 9);                          // another request, not walked yet
+        EXPECT_TRUE(slave.connect(master, 8, 5, 20, 1, nullptr));  // the id just freed
+      });
+  for (unsigned id : {1u, 2u, 3u}) ASSERT_TRUE(slave.connect(master, 8, 5, 10 + id, id, nullptr));
+  slave.setEnabled(false);
+  std::vector<std::pair<unsigned, int>> seen;
+  for (const Rejection& r : rejections) seen.emplace_back(r.connectionId, r.reason);
+  // The retry is ended with the TCP connection it went out on.
+  const std::vector<std::pair<unsigned, int>> expected = {{1, -1}, {2, 9}, {3, -1}, {1, -1}};
+  EXPECT_EQ(seen, expected);
+  EXPECT_EQ(slave.getPendingConnectionCount(), 0u);
+  EXPECT_EQ(slave.getTCPConnectionCount(), 0u);
+  EXPECT_FALSE(slave.isActive());
+}
+
+TEST_F(TCPConnectorSlaveTest, IdsAndHandlerRegistryFollowTheActiveAndPendingTables) {
+  EXPECT_FALSE(slave.verifyFreeConnectionId(0));
+  EXPECT_FALSE(slave.verifyFreeConnectionId(0xFFFFFFFFu));
+  for (unsigned id : {5u, 6u, 7u}) ASSERT_TRUE(slave.connect(master, 8, 5, 10 + id, id, nullptr));
+  sockets[0]->addChunk(acceptFrame(5, 5, 1, 15) + acceptFrame(6, 5, 2, 16));
+  ASSERT_TRUE(run([&] { return record->count("connected") == 2; }));
+  EXPECT_EQ(slave.getFreeConnectionId(5, 7), 0xFFFFFFFFu);
+  EXPECT_EQ(slave.getFreeConnectionId(5, 8), 8u);
+  EXPECT_EQ(slave.getFreeConnectionId(0xFFFFFFFFu, 1), 1u);  // wraps past the invalid ids
+
+  // Replacing version 2's factory ends connection 6 only.
+  slave.addConnectionHandler(5, 2, RecordingHandler::factory(5, 2, record));
+  EXPECT_EQ(record->lastOf("disconnected").id, 6u);
+  EXPECT_EQ(record->lastOf("disconnected").reason, DisconnectReason::connectionHandlerRemoved);
+  EXPECT_EQ(slave.getFreeConnectionId(5, 7), 6u);
+  EXPECT_NE(slave.getConnection(5), nullptr);
+  bool typeFound = false;
+  EXPECT_TRUE(slave.findConnectionHandler(5, 2, typeFound));
+  EXPECT_FALSE(slave.findConnectionHandler(5, 3, typeFound));
+  EXPECT_TRUE(typeFound);
+  EXPECT_EQ(slave.createConnectionHandler(6, 1), nullptr);
+
+  // Pending requests are always reported with shutdown, active ones with the reason given.
+  slave.disconnectAllConnections(DisconnectReason::connectionHandlerRemoved);
+  ASSERT_EQ(rejections.size(), 1u);
+  EXPECT_EQ(rejections[0].reason, DisconnectReason::shutdown);
+  EXPECT_EQ(record->lastOf("disconnected").reason, DisconnectReason::connectionHandlerRemoved);
+  EXPECT_EQ(slave.getTCPConnectionCount(), 0u);
+  ASSERT_TRUE(run([&] { return record->alive() == 0; }));
+}
+
+TEST_F(TCPConnectorSlaveTest, KeepAlivesFollowTheConnectionTimeout) {
+  makeSlave(ConnectionTimeout{0, 1});
+  ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
+  const size_t greeting = sockets[0]->written.size();
+  tavrinTesting::runFor(scheduler, 1300ms);
+  EXPECT_EQ(sockets[0]->written.size(), greeting);
+
+  makeSlave(ConnectionTimeout{3, 1});
+  ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
+  FakeTCPSocket* socket = sockets.back();
+  const std::string sent = socket->written;
+  ASSERT_TRUE(run([&] { return socket->written.size() > sent.size(); }, 2s));
+  EXPECT_EQ(socket->written.substr(sent.size()), frame(1, 0));
+}
+
+TEST_F(TCPConnectorSlaveTest, FrameSizeBoundAppliesToCreatedConnections) {
+  slave.setMaxFrameLength(100);
+  ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
+  EXPECT_EQ(slave.getTCPConnection(master)->getTransceiver().getMaxFrameLength(), 100u);
+  sockets[0]->addChunk(frame(4, 7, std::string(200, 'x')));
+  ASSERT_TRUE(run([&] { return rejections.size() == 1; }));
+  EXPECT_EQ(rejections[0].reason, DisconnectReason::connectionInterrupted);
+  slave.setMaxFrameLength(0);
+  EXPECT_EQ(slave.getMaxFrameLength(), TCPTransceiver::kDefaultMaxFrameLength);
+}
+
+}  // namespace
+}  // namespace tavrinConnector

@@ -1,0 +1,575 @@
+// A connector master and slaves talking over 127.0.0.1: on one scheduler, and on two schedulers
+// on two threads.
+#include "tavrincommon/connector/ConnectionHandlerType.h"
+#include "tavrincommon/connector/DisconnectReason.h"
+#include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/connector/TCPConnectorMaster.h"
+#include "tavrincommon/connector/TCPConnectorSlave.h"
+#include "tavrincommon/connector/TCPTransceiver.h"
+#include "tavrincommon/network/TCPSocketHelper.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/RecordingHandler.h"
+#include "tavrincommon/testing/RunUntil.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tavrinConnector {
+namespace {
+
+using namespace std::chrono_literals;
+using tavrinNetwork::SimpleEndpoint;
+using tavrinNetwork::SimpleIp;
+using tavrinTesting::HandlerRecord;
+using tavrinTesting::RecordingHandler;
+
+constexpr unsigned short kType = ConnectionHandlerType::SimpleConnector;
+constexpr unsigned kCluster = 8;
+constexpr unsigned kMasterDevice = 100;
+constexpr unsigned kSlaveDevice = 200;
+
+struct Rejection {
+  unsigned clusterId;
+  unsigned connectionId;
+  int reason;
+  unsigned remoteConnectionId;
+  unsigned short type;
+};
+
+// One slave connector with its handler record and the rejections it reported.
+struct Slave {
+  Slave(tavrinScheduler::Scheduler& scheduler, tavrinLog::TavrinLogging* logging, unsigned device,
+        const ConnectionTimeout& timing = {})
+      : connector(&scheduler, logging) {
+    connector.initCommon(2, device, ConnectorInterfaceType::Client, SimpleIp("127.0.0.1"), timing,
+                         false);
+    for (unsigned short version : {1, 2, 3})
+      connector.addConnectionHandler(kType, version,
+                                     RecordingHandler::factory(kType, version, record, true));
+    for (unsigned short type : {kType, static_cast<unsigned short>(6), static_cast<unsigned short>(9)})
+      connector.addConnectionRejectedCallback(
+          type, [this](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason,
+                       unsigned remoteId, unsigned short t, const CustomConnectData*) {
+            std::lock_guard<std::mutex> lock(mutex);
+            rejections.push_back({cluster, id, reason, remoteId, t});
+          });
+    connector.setEnabled(true);
+  }
+  std::vector<Rejection> rejected() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return rejections;
+  }
+  size_t rejectedCount() { return rejected().size(); }
+  RecordingHandler* handler(unsigned id) {
+    return static_cast<RecordingHandler*>(connector.getConnection(id));
+  }
+
+  std::shared_ptr<HandlerRecord> record = std::make_shared<HandlerRecord>();
+  std::mutex mutex;
+  std::vector<Rejection> rejections;
+  TCPConnectorSlave connector;
+};
+
+class MasterSlaveTest : public ::testing::Test {
+ protected:
+  void startMaster(bool overwriteExisting = false, bool allowMove = false,
+                   const ConnectionTimeout& timing = {}) {
+    master.init(1, kMasterDevice, ConnectorInterfaceType::PanelMaster, kCluster,
+                SimpleIp("127.0.0.1"), 0, overwriteExisting, allowMove, timing, false);
+    master.addConnectionHandler(kType, 1, RecordingHandler::factory(kType, 1, masterRecord, true));
+    master.addConnectionHandler(kType, 2, RecordingHandler::factory(kType, 2, masterRecord, true));
+    master.addConnectionHandler(6, 4, RecordingHandler::factory(6, 4, masterRecord));
+    for (unsigned id : {12u, 13u, 14u, 15u}) master.addAllowedConnection(id, kType);
+    master.addAllowedConnection(20, 6);
+    master.addAllowedConnection(30, 9);
+    master.setEnabled(true);
+    ASSERT_TRUE(master.isListening()) << log.text();
+    endpoint = master.getListeningEndpoint();
+  }
+  Slave& addSlave(unsigned device = kSlaveDevice, const ConnectionTimeout& timing = {}) {
+    slaves.push_back(std::make_unique<Slave>(scheduler, log.logging(), device, timing));
+    return *slaves.back();
+  }
+  bool run(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
+    return tavrinTesting::runUntil(scheduler, condition, limit);
+  }
+  RecordingHandler* masterHandler(unsigned id) {
+    return static_cast<RecordingHandler*>(master.getConnection(id));
+  }
+  // Connects slave id `own` to master id `id` and waits until both ends are connected.
+  void connectPair(Slave& slave, unsigned id, unsigned own) {
+    const size_t before = masterRecord->count("connected");
+    ASSERT_TRUE(slave.connector.connect(endpoint, kCluster, kType, id, own, nullptr));
+    ASSERT_TRUE(run([&] {
+      return slave.handler(own) && slave.handler(own)->isConnected() &&
+             masterRecord->count("connected") > before;
+    })) << log.text();
+  }
+  bool allClosed() {
+    if (master.getTCPConnectionCount() != 0) return false;
+    for (auto& slave : slaves)
+      if (slave->connector.getTCPConnectionCount() != 0) return false;
+    return true;
+  }
+
+  tavrinTesting::LogCapture log;
+  tavrinScheduler::Scheduler scheduler{log.logging()};
+  std::shared_ptr<HandlerRecord> masterRecord = std::make_shared<HandlerRecord>();
+  TCPConnectorMaster master{&scheduler, log.logging()};
+  std::vector<std::unique_ptr<Slave>> slaves;
+  SimpleEndpoint endpoint;
+};
+
+TEST_F(MasterSlaveTest, AcceptsWithTheHighestCommonVersionAndCarriesDataBothWays) {
+  startMaster();
+  Slave& slave = addSlave();
+  connectPair(slave, 12, 7);
+
+  RecordingHandler* own = slave.handler(7);
+  RecordingHandler* remote = masterHandler(12);
+  ASSERT_NE(remote, nullptr);
+  EXPECT_EQ(own->getVersion(), 2);
+  EXPECT_EQ(remote->getVersion(), 2);
+  EXPECT_FALSE(own->isServerSide());
+  EXPECT_TRUE(remote->isServerSide());
+  EXPECT_EQ(own->getRemoteConnectionId(), 12u);
+  EXPECT_EQ(own->getRemoteDeviceId(), kMasterDevice);
+  EXPECT_EQ(own->getClusterId(), kCluster);
+  EXPECT_EQ(remote->getRemoteConnectionId(), 7u);
+  EXPECT_EQ(remote->getRemoteDeviceId(), kSlaveDevice);
+  EXPECT_FALSE(own->isAutomatic());
+  EXPECT_EQ(own->getRemoteEndpoint(), endpoint);
+  EXPECT_TRUE(log.contains("Created connection 12 (type 5, version 2) with TCP endpoint 127.0.0.1:"))
+      << log.text();
+
+  own->send("hello");
+  remote->send(std::string("w\0rld", 5));
+  ASSERT_TRUE(run([&] {
+    return masterRecord->count("received") == 1 && slave.record->count("received") == 1;
+  }));
+  EXPECT_EQ(masterRecord->lastOf("received").payload, "hello");
+  EXPECT_EQ(masterRecord->lastOf("received").id, 12u);
+  EXPECT_EQ(slave.record->lastOf("received").payload, std::string("w\0rld", 5));
+
+  // A second request to the same master reuses the TCP connection.
+  connectPair(slave, 13, 8);
+  EXPECT_EQ(slave.connector.getTCPConnectionCount(), 1u);
+  EXPECT_EQ(master.getTCPConnectionCount(), 1u);
+}
+
+TEST_F(MasterSlaveTest, RejectsWithTheReasonOfTheFirstFailingCheck) {
+  startMaster();
+  Slave& slave = addSlave();
+  slave.connector.addConnectionHandler(6, 1, RecordingHandler::factory(6, 1, slave.record));
+  slave.connector.addConnectionHandler(9, 1, RecordingHandler::factory(9, 1, slave.record));
+  connectPair(slave, 12, 1);
+
+  struct Case {
+    unsigned cluster;
+    unsigned short type;
+    unsigned id;  // 0xFFFFFFFF: automatic
+    int reason;
+  };
+  const std::vector<Case> cases = {
+      {7, kType, 99, DisconnectReason::wrongClusterId},           // before the id is looked at
+      {kCluster, kType, 0xFFFFFFFFu, DisconnectReason::notAllowed},  // no automatic range
+      {kCluster, kType, 99, DisconnectReason::notAllowed},          // not an allowed id
+      {kCluster, kType, 20, DisconnectReason::notAllowed},          // allowed for another type
+      {kCluster, kType, 12, DisconnectReason::notAllowed},          // taken
+      {kCluster, 9, 30, DisconnectReason::noConnectionHandler},
+      {kCluster, 6, 20, DisconnectReason::noCompatibleConnectionHandler},
+  };
+  unsigned own = 100;
+  for (const Case& c : cases) {
+    const size_t before = slave.rejectedCount();
+    ASSERT_TRUE(c.id == 0xFFFFFFFFu
+                    ? slave.connector.connectAutomatic(endpoint, c.cluster, c.type, own, nullptr)
+                    : slave.connector.connect(endpoint, c.cluster, c.type, c.id, own, nullptr));
+    ASSERT_TRUE(run([&] { return slave.rejectedCount() > before; })) << log.text();
+    const Rejection r = slave.rejected().back();
+    EXPECT_EQ(r.reason, c.reason) << "connection " << c.id << " type " << c.type;
+    EXPECT_EQ(r.connectionId, own);
+    EXPECT_EQ(r.remoteConnectionId, c.id);
+    EXPECT_EQ(r.clusterId, c.cluster);
+    EXPECT_EQ(r.type, c.type);
+    EXPECT_FALSE(slave.connector.isPending(own));
+    ++own;
+  }
+  EXPECT_TRUE(log.contains("Cannot create connection 99 (type 5, remote connection id: 100) on "
+                           "TCP endpoint 127.0.0.1:"));
+  EXPECT_TRUE(log.contains("wrong cluster id 7 (own: 8)!"));
+  EXPECT_TRUE(log.contains("Cannot create automatic connection type 5 (remote connection id: 101)"));
+  EXPECT_TRUE(log.contains("connection already exists!"));
+  EXPECT_TRUE(log.contains("Cannot create connection 20 (type 6, remote connection id: 106) on TCP "
+                           "endpoint"));
+  EXPECT_TRUE(log.contains("no compatible connection handler found!"));
+  // The refused requests left the first connection and its TCP connection alone.
+  EXPECT_TRUE(slave.handler(1)->isConnected());
+  EXPECT_EQ(slave.connector.getTCPConnectionCount(), 1u);
+}
+
+TEST_F(MasterSlaveTest, AutomaticConnectionsTakeFreeIdsUntilTheRangeIsFull) {
+  startMaster();
+  master.addAutomaticConnection(kType, 100, 101);
+  Slave& slave = addSlave();
+  const unsigned first = slave.connector.connectAutomatic(endpoint, kCluster, kType, nullptr);
+  const unsigned second = slave.connector.connectAutomatic(endpoint, kCluster, kType, nullptr);
+  ASSERT_EQ(first, 1u);
+  ASSERT_EQ(second, 2u);
+  ASSERT_TRUE(run([&] { return masterRecord->count("connected") == 2; })) << log.text();
+  ASSERT_TRUE(run([&] { return slave.record->count("connected") == 2; }));
+  EXPECT_EQ(slave.handler(first)->getRemoteConnectionId(), 100u);
+  EXPECT_EQ(slave.handler(second)->getRemoteConnectionId(), 101u);
+  EXPECT_TRUE(slave.handler(first)->isAutomatic());
+  EXPECT_TRUE(masterHandler(100)->isAutomatic());
+
+  ASSERT_EQ(slave.connector.connectAutomatic(endpoint, kCluster, kType, nullptr), 3u);
+  ASSERT_TRUE(run([&] { return slave.rejectedCount() == 1; }));
+  EXPECT_EQ(slave.rejected()[0].reason, DisconnectReason::notAllowed);
+  EXPECT_TRUE(log.contains("no free connection id found (range 100 - 101)!"));
+
+  // A freed id is given out again; removing the range ends the automatic connections.
+  slave.handler(first)->requestDisconnect(1);
+  ASSERT_TRUE(run([&] { return master.getConnection(100) == nullptr; }));
+  // A new own id: the peers' closing handshake for the old one may still be under way.
+  ASSERT_TRUE(slave.connector.connectAutomatic(endpoint, kCluster, kType, 5u, nullptr));
+  ASSERT_TRUE(run([&] { return slave.handler(5) != nullptr; }));
+  EXPECT_EQ(slave.handler(5)->getRemoteConnectionId(), 100u);
+  master.removeAutomaticConnection(kType, true);
+  ASSERT_TRUE(run([&] { return slave.connector.getActiveConnectionCount() == 0; }));
+  EXPECT_EQ(slave.record->lastOf("disconnected").reason,
+            DisconnectReason::automaticConnectionRemoved) << log.text();
+}
+
+TEST_F(MasterSlaveTest, OverwriteExistingReplacesTheOldPeer) {
+  startMaster(true);
+  Slave& first = addSlave(201);
+  Slave& second = addSlave(202);
+  connectPair(first, 12, 5);
+  connectPair(second, 12, 6);
+  ASSERT_TRUE(run([&] { return first.record->count("disconnected") == 1; }));
+  EXPECT_EQ(first.record->lastOf("disconnected").reason,
+            DisconnectReason::replacedByOtherConnection);
+  EXPECT_EQ(masterRecord->lastOf("disconnected").reason,
+            DisconnectReason::replacedByOtherConnection);
+  EXPECT_EQ(masterHandler(12)->getRemoteDeviceId(), 202u);
+  EXPECT_TRUE(second.handler(6)->isConnected());
+  EXPECT_TRUE(log.contains("Replacing existing connection 12 (type 5) on TCP endpoint"));
+  // The first slave's TCP connection lost its only logical connection and is closed.
+  ASSERT_TRUE(run([&] { return first.connector.getTCPConnectionCount() == 0; }));
+}
+
+TEST_F(MasterSlaveTest, MovesAConnectionOntoASecondTCPConnection) {
+  startMaster(false, true);
+  Slave& first = addSlave(201);
+  Slave& second = addSlave(202);
+  connectPair(first, 12, 5);
+  RecordingHandler* moved = masterHandler(12);
+
+  ASSERT_TRUE(second.connector.moveConnection(endpoint, kCluster, kType, 12, 9, nullptr));
+  ASSERT_TRUE(run([&] {
+    return second.handler(9) && first.record->count("disconnected") == 1;
+  })) << log.text();
+  EXPECT_EQ(first.record->lastOf("disconnected").reason, DisconnectReason::connectionMoved);
+  EXPECT_EQ(masterHandler(12), moved);
+  EXPECT_EQ(moved->getRemoteConnectionId(), 9u);
+  EXPECT_EQ(moved->getRemoteDeviceId(), 202u);
+  EXPECT_EQ(masterRecord->lastOf("moved").last, true);
+  EXPECT_EQ(second.handler(9)->getRemoteConnectionId(), 12u);
+  EXPECT_EQ(second.handler(9)->getVersion(), 2);
+  moved->send("after move");
+  ASSERT_TRUE(run([&] { return second.record->count("received") == 1; }));
+  EXPECT_EQ(second.record->lastOf("received").payload, "after move");
+  ASSERT_TRUE(run([&] { return first.connector.getTCPConnectionCount() == 0; }));
+  EXPECT_EQ(master.getTCPConnectionCount(), 1u);
+
+  // Refusals of a move: unknown connection, wrong cluster.
+  ASSERT_TRUE(second.connector.moveConnection(endpoint, kCluster, kType, 77, 10, nullptr));
+  ASSERT_TRUE(second.connector.moveConnection(endpoint, 3, kType, 12, 11, nullptr));
+  ASSERT_TRUE(run([&] { return second.rejectedCount() == 2; }));
+  EXPECT_EQ(second.rejected()[0].reason, DisconnectReason::notPresent);
+  EXPECT_EQ(second.rejected()[1].reason, DisconnectReason::wrongClusterId);
+}
+
+TEST_F(MasterSlaveTest, MovesAreRefusedUnlessAllowed) {
+  startMaster(false, false);
+  Slave& first = addSlave(201);
+  Slave& second = addSlave(202);
+  connectPair(first, 12, 5);
+  // Refused for the general setting before the cluster id is looked at.
+  ASSERT_TRUE(second.connector.moveConnection(endpoint, 3, kType, 12, 9, nullptr));
+  ASSERT_TRUE(run([&] { return second.rejectedCount() == 1; }));
+  EXPECT_EQ(second.rejected()[0].reason, DisconnectReason::notAllowed);
+  EXPECT_TRUE(log.contains("not allowed (general setting)!"));
+  EXPECT_TRUE(first.handler(5)->isConnected());
+}
+
+TEST_F(MasterSlaveTest, EveryDisconnectPathReachesBothEndsWithItsReason) {
+  startMaster();
+  Slave& slave = addSlave();
+  struct Path {
+    const char* name;
+    std::function<void()> end;
+    int reason;
+  };
+  const std::vector<Path> paths = {
+      {"slave handler", [&] { slave.handler(7)->requestDisconnect(42); }, 42},
+      {"master handler", [&] { masterHandler(12)->requestDisconnect(43); }, 43},
+      {"master by id", [&] { master.disconnectFromMaster(12, 44); }, 44},
+      {"slave by id", [&] { slave.connector.disconnect(7, 45); }, 45},
+      {"allowed id removed",
+       [&] {
+         master.removeAllowedConnection(12);
+         master.addAllowedConnection(12, kType);
+       },
+       DisconnectReason::allowedConnectionRemoved},
+      {"handler removed",
+       [&] {
+         master.removeConnectionHandler(kType, 2);
+         master.addConnectionHandler(kType, 2, RecordingHandler::factory(kType, 2, masterRecord));
+       },
+       DisconnectReason::connectionHandlerRemoved},
+      {"remote device", [&] { master.disconnectRemoteDeviceFromMaster(SimpleIp("127.0.0.1"), 46); },
+       46},
+      {"slave disabled",
+       [&] {
+         slave.connector.setEnabled(false);
+         slave.connector.setEnabled(true);
+       },
+       DisconnectReason::shutdown},
+      {"master disabled",
+       [&] {
+         master.setEnabled(false);
+         master.setEnabled(true);
+         endpoint = master.getListeningEndpoint();
+       },
+       DisconnectReason::shutdown},
+  };
+  for (const Path& path : paths) {
+    SCOPED_TRACE(path.name);
+    masterRecord->clear();
+    slave.record->clear();
+    connectPair(slave, 12, 7);
+    path.end();
+    ASSERT_TRUE(run([&] {
+      return masterRecord->count("disconnected") == 1 && slave.record->count("disconnected") == 1;
+    })) << log.text();
+    EXPECT_EQ(masterRecord->lastOf("disconnected").reason, path.reason);
+    EXPECT_EQ(slave.record->lastOf("disconnected").reason, path.reason);
+    EXPECT_TRUE(masterRecord->lastOf("disconnected").last);
+    // The last logical connection took its TCP connection along at both ends.
+    ASSERT_TRUE(run([&] { return allClosed(); }));
+    ASSERT_TRUE(run([&] { return masterRecord->alive() == 0 && slave.record->alive() == 0; }));
+  }
+}
+
+TEST_F(MasterSlaveTest, ABrokenTCPConnectionEndsItsConnectionsAsInterrupted) {
+  startMaster();
+  Slave& slave = addSlave();
+  connectPair(slave, 12, 7);
+  connectPair(slave, 13, 8);
+  SingleTCPConnectionEndpoint* connection = master.getTCPConnection(masterHandler(12)->getRemoteEndpoint());
+  ASSERT_NE(connection, nullptr);
+  connection->getTransceiver().disconnect();
+  ASSERT_TRUE(run([&] {
+    return masterRecord->count("disconnected") == 2 && slave.record->count("disconnected") == 2;
+  })) << log.text();
+  for (const auto* record : {masterRecord.get(), slave.record.get()}) {
+    for (const auto& event : record->all()) {
+      if (event.what == "disconnected") {
+        EXPECT_EQ(event.reason, DisconnectReason::connectionInterrupted);
+      }
+    }
+  }
+  EXPECT_TRUE(log.contains("Disconnecting TCP connection 127.0.0.1:"));
+  ASSERT_TRUE(run([&] { return allClosed(); }));
+}
+
+TEST_F(MasterSlaveTest, KeepAliveClosesAPeerThatFallsSilent) {
+  // The master expects traffic every second; the slave sends no keep-alives of its own.
+  startMaster(false, false, ConnectionTimeout{1, 1});
+  Slave& slave = addSlave(kSlaveDevice, ConnectionTimeout{0, 5});
+  connectPair(slave, 12, 7);
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(run([&] { return masterRecord->count("disconnected") == 1; }, 5s)) << log.text();
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 700ms);
+  EXPECT_EQ(masterRecord->lastOf("disconnected").reason, DisconnectReason::connectionInterrupted);
+  EXPECT_TRUE(log.contains("Keep alive timer expired on TCP connection socket 127.0.0.1:"));
+  ASSERT_TRUE(run([&] { return slave.record->count("disconnected") == 1; }));
+  EXPECT_EQ(slave.record->lastOf("disconnected").reason, DisconnectReason::connectionInterrupted);
+}
+
+TEST_F(MasterSlaveTest, DisablingRejectsPendingAndEndsActiveConnections) {
+  startMaster();
+  Slave& slave = addSlave();
+  connectPair(slave, 12, 7);
+  // A listener that never answers keeps a request pending.
+  auto silent = tavrinNetwork::TCPSocketHelper::createListenSocket(
+      SimpleEndpoint(SimpleIp("127.0.0.1"), 0), false, nullptr);
+  ASSERT_TRUE(silent);
+  ASSERT_TRUE(slave.connector.connect(silent->getBoundEndpoint(), kCluster, kType, 1, 8, nullptr));
+  tavrinTesting::runFor(scheduler, 100ms);
+  ASSERT_TRUE(slave.connector.isPending(8));
+  EXPECT_EQ(slave.connector.getTCPConnectionCount(), 2u);
+
+  slave.connector.setEnabled(false);
+  ASSERT_EQ(slave.rejectedCount(), 1u);
+  EXPECT_EQ(slave.rejected()[0].reason, DisconnectReason::shutdown);
+  EXPECT_EQ(slave.rejected()[0].connectionId, 8u);
+  EXPECT_EQ(slave.record->lastOf("disconnected").reason, DisconnectReason::shutdown);
+  EXPECT_EQ(slave.connector.getTCPConnectionCount(), 0u);
+  EXPECT_EQ(slave.connector.getPendingConnectionCount(), 0u);
+  ASSERT_TRUE(run([&] { return masterRecord->count("disconnected") == 1; }));
+  EXPECT_EQ(masterRecord->lastOf("disconnected").reason, DisconnectReason::shutdown);
+  // The ended handlers are destroyed by the worker, which disabling leaves scheduled.
+  ASSERT_TRUE(run([&] { return slave.record->alive() == 0; }));
+}
+
+TEST_F(MasterSlaveTest, SetIpRestartsTheMasterOnTheNewAddress) {
+  startMaster();
+  Slave& slave = addSlave();
+  connectPair(slave, 12, 7);
+  master.setIp(SimpleIp("127.0.0.2"));
+  EXPECT_TRUE(log.contains("Changed TCPConnector Panel Master 1 IP to 127.0.0.2 (old: 127.0.0.1), "
+                           "restarting..."));
+  ASSERT_TRUE(master.isListening());
+  EXPECT_EQ(master.getListeningEndpoint().getIp(), SimpleIp("127.0.0.2"));
+  ASSERT_TRUE(run([&] { return slave.record->count("disconnected") == 1; }));
+  EXPECT_EQ(slave.record->lastOf("disconnected").reason, DisconnectReason::shutdown);
+  endpoint = master.getListeningEndpoint();
+  connectPair(slave, 12, 7);
+  EXPECT_EQ(slave.handler(7)->getRemoteEndpoint().getIp(), SimpleIp("127.0.0.2"));
+}
+
+TEST_F(MasterSlaveTest, HandlersMayEndConnectionsFromInsideTheirOwnCalls) {
+  startMaster();
+  Slave& slave = addSlave();
+  // Master side: "bye" ends the receiving connection itself, "other" ends connection 14.
+  masterRecord->onReceive = [&](RecordingHandler& handler, const std::string& payload) {
+    const int aliveBefore = masterRecord->alive();
+    if (payload == "bye") handler.requestDisconnect(50);
+    if (payload == "other") master.disconnect(14, 51);
+    // Ended handlers wait for the worker: nothing was destroyed inside this call.
+    EXPECT_EQ(masterRecord->alive(), aliveBefore);
+    EXPECT_EQ(handler.getType(), kType);
+  };
+  // Ending connection 13 takes connection 15 along, from inside the disconnect hook.
+  masterRecord->onDisconnected = [&](RecordingHandler&, unsigned id, int) {
+    if (id == 13) master.disconnect(15, 52);
+  };
+  // Slave side: connection 9 ends itself as soon as it is connected.
+  slave.record->onConnected = [&](RecordingHandler& handler) {
+    if (handler.getConnectionId() == 9) handler.requestDisconnect(53);
+  };
+  connectPair(slave, 12, 7);
+  connectPair(slave, 13, 8);
+  connectPair(slave, 14, 10);
+  connectPair(slave, 15, 11);
+
+  slave.handler(8)->send("other");
+  ASSERT_TRUE(run([&] { return master.getConnection(14) == nullptr; }));
+  slave.handler(8)->send("bye");
+  ASSERT_TRUE(run([&] {
+    return master.getConnection(13) == nullptr && master.getConnection(15) == nullptr;
+  }));
+  ASSERT_TRUE(run([&] { return slave.connector.getActiveConnectionCount() == 1; }));
+  std::map<unsigned, int> reasons;
+  for (const auto& event : slave.record->all())
+    if (event.what == "disconnected") reasons[event.id] = event.reason;
+  EXPECT_EQ(reasons[10], 51);
+  EXPECT_EQ(reasons[8], 50);
+  EXPECT_EQ(reasons[11], 52);
+
+  const size_t connectedBefore = masterRecord->count("connected");
+  ASSERT_TRUE(slave.connector.connect(endpoint, kCluster, kType, 13, 9, nullptr));
+  ASSERT_TRUE(run([&] { return masterRecord->count("connected") > connectedBefore; }));
+  ASSERT_TRUE(run([&] { return master.getConnection(13) == nullptr; }));
+  EXPECT_EQ(masterRecord->lastOf("disconnected").reason, 53);
+  ASSERT_TRUE(run([&] { return slave.record->alive() == 1 && masterRecord->alive() == 1; }));
+  EXPECT_TRUE(slave.handler(7)->isConnected());
+}
+
+TEST_F(MasterSlaveTest, AnAcceptTheSlaveCannotServeEndsTheMasterSideAndFreesTheId) {
+  startMaster();
+  Slave& slave = addSlave();
+  ASSERT_TRUE(slave.connector.connect(endpoint, kCluster, kType, 12, 7, nullptr));
+  // The versions offered go out with the request; the slave loses them before the answer.
+  slave.connector.removeConnectionHandler(kType, 1);
+  slave.connector.removeConnectionHandler(kType, 2);
+  ASSERT_TRUE(run([&] { return slave.rejectedCount() == 1; })) << log.text();
+  EXPECT_EQ(slave.rejected()[0].reason, DisconnectReason::noCompatibleConnectionHandler);
+  EXPECT_EQ(slave.rejected()[0].remoteConnectionId, 12u);
+  EXPECT_TRUE(log.contains("Failed to accept connection 7 (type 5, remote connection id: 12, "
+                           "version 2) to TCP endpoint 127.0.0.1:"));
+  EXPECT_TRUE(log.contains("No connection handler with this version!"));
+  SingleTCPConnectionEndpoint* connection = slave.connector.getTCPConnection(endpoint);
+  ASSERT_NE(connection, nullptr);
+  EXPECT_FALSE(connection->hasLogicalConnection(7));
+  EXPECT_TRUE(slave.connector.verifyFreeConnectionId(7));
+  ASSERT_TRUE(run([&] { return masterRecord->count("disconnected") == 1; }));
+  EXPECT_EQ(masterRecord->lastOf("disconnected").reason,
+            DisconnectReason::noCompatibleConnectionHandler);
+  // The master closes the TCP connection that lost its last logical connection.
+  ASSERT_TRUE(run([&] { return allClosed(); }));
+}
+
+// The master runs on a thread of its own with its own scheduler; the slave on the test's thread.
+TEST(MasterSlaveThreadsTest, ConnectExchangeAndDisconnectAcrossTwoLoops) {
+  auto masterRecord = std::make_shared<HandlerRecord>();
+  masterRecord->onReceive = [](RecordingHandler& handler, const std::string& payload) {
+    handler.send("echo:" + payload);
+  };
+  std::atomic<bool> stop{false};
+  std::promise<SimpleEndpoint> listening;
+  std::thread masterThread([&] {
+    tavrinTesting::LogCapture masterLog;
+    tavrinScheduler::Scheduler masterScheduler(masterLog.logging());
+    TCPConnectorMaster master(&masterScheduler, masterLog.logging());
+    master.init(1, kMasterDevice, ConnectorInterfaceType::PanelMaster, kCluster,
+                SimpleIp("127.0.0.1"), 0, false, false, ConnectionTimeout{}, false);
+    master.addConnectionHandler(kType, 1, RecordingHandler::factory(kType, 1, masterRecord));
+    master.addAutomaticConnection(kType);
+    master.setEnabled(true);
+    listening.set_value(master.getListeningEndpoint());
+    while (!stop.load()) masterScheduler.run(10);
+    master.setEnabled(false);
+  });
+  const SimpleEndpoint endpoint = listening.get_future().get();
+
+  tavrinTesting::LogCapture log;
+  tavrinScheduler::Scheduler scheduler(log.logging());
+  {
+    Slave slave(scheduler, log.logging(), kSlaveDevice);
+    const unsigned own = slave.connector.connectAutomatic(endpoint, kCluster, kType, nullptr);
+    ASSERT_NE(own, 0xFFFFFFFFu);
+    ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return slave.handler(own) != nullptr; }))
+        << log.text();
+    EXPECT_EQ(slave.handler(own)->getVersion(), 1);
+    constexpr int kMessages = 200;
+    for (int i = 0; i < kMessages; ++i) slave.handler(own)->send(std::to_string(i));
+    ASSERT_TRUE(tavrinTesting::runUntil(
+        scheduler, [&] { return slave.record->count("received") == kMessages; }));
+    EXPECT_EQ(slave.record->lastOf("received").payload, "echo:" + std::to_string(kMessages - 1));
+    slave.handler(own)->requestDisconnect(7);
+    ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] {
+      return masterRecord->count("disconnected") == 1 && slave.connector.getTCPConnectionCount() == 0;
+    }));
+    EXPECT_EQ(masterRecord->lastOf("disconnected").reason, 7);
+  }
+  stop = true;
+  masterThread.join();
+  EXPECT_EQ(masterRecord->alive(), 0);
+}
+
+}  // namespace
+}  // namespace tavrinConnector

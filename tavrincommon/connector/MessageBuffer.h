@@ -69,6 +69,11 @@ class MessageBuffer {
   void ensureBufferSpace(unsigned n) {
     if (static_cast<size_t>(capacityEnd - cursor) < n) growFor(n);
   }
+  // Room for `n` more bytes at the cursor, in one allocation of exactly that size: for a frame
+  // whose size is known, so that a 64 KiB frame does not take 128 KiB (and a mapping of its own).
+  void reserveExact(unsigned n) {
+    if (static_cast<size_t>(capacityEnd - cursor) < n) grow(static_cast<uint64_t>(getOffset()) + n);
+  }
   void doubleBuffer();
 
   unsigned getOffset() const { return static_cast<unsigned>(cursor - begin); }

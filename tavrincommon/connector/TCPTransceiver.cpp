@@ -194,7 +194,7 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
       }
       // The whole frame's room at once: its bytes are copied only once, and the storage is the
       // one the delivered message keeps.
-      receiveBuffer.ensureBufferSpace(needed + remainingBytes);
+      receiveBuffer.reserveExact(needed + remainingBytes);
       receiveBuffer.write(data, needed);
       data += needed;
       n -= needed;

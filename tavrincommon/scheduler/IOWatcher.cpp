@@ -19,6 +19,9 @@ using tavrinLog::SeverityLevel;
 
 namespace {
 constexpr int kOrigin = DefaultOrigins::Scheduler;
+// The watcher whose watch() runs on this thread, if any: its own callbacks need no eventfd write
+// to wake it, the request flag is seen before the next wait.
+thread_local const IOWatcher* watchingOnThisThread = nullptr;
 constexpr uint32_t kEdgeTriggered = static_cast<uint32_t>(EPOLLET);
 }  // namespace
 
@@ -90,7 +93,7 @@ void IOWatcher::removeItemFromPoll(IOWatchListEntry* entry) {
 
 void IOWatcher::wakeup() {
   if (wakeRequested.exchange(true)) return;  // whoever set it wakes the watcher
-  if (!inWatch.load()) return;
+  if (!inWatch.load() || watchingOnThisThread == this) return;
   uint64_t one = 1;
   if (write(eventFd, &one, sizeof one) != static_cast<ssize_t>(sizeof one)) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "eventfd %d write failed", eventFd);
@@ -100,10 +103,16 @@ void IOWatcher::wakeup() {
 void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex) {
   list.clearRemovedEntries();
   inWatch.store(true);
+  const IOWatcher* outerWatcher = watchingOnThisThread;
+  watchingOnThisThread = this;
   struct LeaveWatch {
     std::atomic<bool>& inWatch;
-    ~LeaveWatch() { inWatch.store(false); }
-  } leave{inWatch};
+    const IOWatcher* outerWatcher;
+    ~LeaveWatch() {
+      watchingOnThisThread = outerWatcher;
+      inWatch.store(false);
+    }
+  } leave{inWatch, outerWatcher};
   const MonotonicMs start;
   bool woken = false;
   epoll_event events[kMaxEventsPerWait];

@@ -6,6 +6,7 @@
 #include "tavrincommon/scheduler/Scheduler.h"
 #include "tavrincommon/testing/LogCapture.h"
 #include "tavrincommon/testing/RunUntil.h"
+#include "tavrincommon/testing/Sockets.h"
 
 #include <gtest/gtest.h>
 
@@ -13,12 +14,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <net/if.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace tavrinConnector {
 namespace {
@@ -32,42 +27,13 @@ using tavrinTesting::runUntil;
 const SimpleIp kLoopback("127.0.0.1");
 const SimpleEndpoint kConnector(SimpleIp("127.0.0.1"), 7000);
 
-// Whether this machine delivers multicast over lo at all, found out with plain system calls so
-// that a fault of the classes under test is never taken for a missing capability.
-bool loopbackDeliversMulticast(const SimpleIp& group, unsigned short port) {
-  const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const int one = 1;
-  const unsigned char ttl = 0;
-  const SimpleEndpoint groupEndpoint(group, port);
-  const SimpleEndpoint local(kLoopback, 0);
-  ip_mreqn request{};
-  request.imr_multiaddr.s_addr = group.getIp();
-  request.imr_address.s_addr = kLoopback.getIp();
-  request.imr_ifindex = static_cast<int>(if_nametoindex("lo"));
-  pollfd entry{receiver, POLLIN, 0};
-  const bool delivered =
-      receiver >= 0 && sender >= 0 &&
-      setsockopt(receiver, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == 0 &&
-      bind(receiver, groupEndpoint.sockAddr(), SimpleEndpoint::kSockAddrLength) == 0 &&
-      setsockopt(receiver, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0 &&
-      bind(sender, local.sockAddr(), SimpleEndpoint::kSockAddrLength) == 0 &&
-      setsockopt(sender, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl) == 0 &&
-      sendto(sender, "probe", 5, 0, groupEndpoint.sockAddr(), SimpleEndpoint::kSockAddrLength) ==
-          5 &&
-      poll(&entry, 1, 2000) == 1;
-  if (receiver >= 0) ::close(receiver);
-  if (sender >= 0) ::close(sender);
-  return delivered;
-}
-
 class AnnounceLoopbackTest : public ::testing::Test {
  protected:
   // One group and port per test, so that tests running in parallel never hear each other.
   void start(unsigned groupIndex, int sendInterval, int masterTimeout) {
     group = SimpleIp(("239.255.94." + std::to_string(groupIndex)).c_str());
     port = static_cast<unsigned short>(24000 + groupIndex);
-    if (!loopbackDeliversMulticast(group, port)) {
+    if (!tavrinTesting::loopbackDeliversMulticast(group, port)) {
       skipped = true;
       return;
     }

@@ -1,10 +1,9 @@
 #include "tavrincommon/common/DirUtil.h"
 
-#include "tavrincommon/log/GlobalLogging.h"
+#include "tavrincommon/testing/GlobalLogCapture.h"
 
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -18,13 +17,8 @@ class DirUtilTest : public ::testing::Test {
     char pattern[] = "/tmp/dirutil_test_XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     root = pattern;
-    tavrinLog::initGlobalLogging(
-        tavrinLog::SeverityLevel::Maximum,
-        [this](int, tavrinLog::SeverityLevel::Type, const char* text) { logged.push_back(text); },
-        true);
   }
   void TearDown() override {
-    tavrinLog::initGlobalLogging(tavrinLog::SeverityLevel::Service, nullptr, true);
     EXPECT_TRUE(dirUtil::removeDir(root.c_str()));
     EXPECT_FALSE(dirUtil::fileExists(root.c_str()));
   }
@@ -35,17 +29,18 @@ class DirUtilTest : public ::testing::Test {
               static_cast<int>(content.size()));
   }
 
+  tavrinTesting::GlobalLogCapture log;
   std::string root;
-  std::vector<std::string> logged;
 };
 
 TEST_F(DirUtilTest, CreateDirPathCreatesMissingLevelsAndLogsEach) {
   ASSERT_TRUE(dirUtil::createDirPath(path("a").c_str()));
-  logged.clear();
+  log->clear();
   EXPECT_TRUE(dirUtil::createDirPath(path("a/b/c").c_str()));
-  ASSERT_EQ(logged.size(), 2u);
-  EXPECT_NE(logged[0].find("Created dir: " + path("a/b")), std::string::npos) << logged[0];
-  EXPECT_NE(logged[1].find("Created dir: " + path("a/b/c")), std::string::npos) << logged[1];
+  const auto lines = log->lines();
+  ASSERT_EQ(lines.size(), 2u) << log->text();
+  EXPECT_NE(lines[0].text.find("Created dir: " + path("a/b")), std::string::npos) << log->text();
+  EXPECT_NE(lines[1].text.find("Created dir: " + path("a/b/c")), std::string::npos);
   EXPECT_TRUE(dirUtil::directoryExists(path("a/b/c").c_str()));
   EXPECT_TRUE(dirUtil::isDir(path("a/b/c").c_str()));
   EXPECT_TRUE(dirUtil::createDirPath(""));

@@ -26,9 +26,10 @@ class SendQueueTest : public ::testing::Test {
   tavrinTesting::LogCapture log;
   tavrinScheduler::Scheduler scheduler{log.logging()};
   std::vector<Message> sent;
+  bool accept = true;
   SendQueue::SendCallback recordAll = [this](Message& message) {
-    sent.push_back(message);
-    return true;
+    if (accept) sent.push_back(message);
+    return accept;
   };
 };
 
@@ -43,15 +44,8 @@ TEST_F(SendQueueTest, SendsEveryQueuedMessageInOrderInOnePass) {
 }
 
 TEST_F(SendQueueTest, RefusedMessageStaysFirstUntilItCanBeSent) {
-  bool accept = false;
-  SendQueue queue(
-      DefaultOrigins::UnitTests, nullptr,
-      [&](Message& message) {
-        if (!accept) return false;
-        sent.push_back(message);
-        return true;
-      },
-      log.logging());
+  accept = false;
+  SendQueue queue(DefaultOrigins::UnitTests, nullptr, recordAll, log.logging());
   fill(queue, 10);
   EXPECT_EQ(queue.doWork(), Worker::Finished);
   EXPECT_EQ(queue.size(), 10u);

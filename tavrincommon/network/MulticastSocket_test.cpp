@@ -2,6 +2,7 @@
 
 #include "tavrincommon/testing/LogCapture.h"
 #include "tavrincommon/testing/OwnNetworkNamespace.h"
+#include "tavrincommon/testing/Sockets.h"
 
 #include <cstdio>
 #include <fstream>
@@ -9,48 +10,17 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace tavrinNetwork {
 namespace {
 
 const SimpleIp kLoopback("127.0.0.1");
 
-bool waitReadable(int fd, int ms = 3000) {
-  pollfd entry{fd, POLLIN, 0};
-  return poll(&entry, 1, ms) == 1;
-}
+using tavrinTesting::loopbackDeliversMulticast;
 
-// Whether this machine delivers multicast over lo at all, found out with plain system calls so
-// that a fault of the class under test is never taken for a missing capability.
-bool loopbackDeliversMulticast(const SimpleIp& group, unsigned short port) {
-  const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const int one = 1;
-  const unsigned char ttl = 0;
-  const SimpleEndpoint groupEndpoint(group, port);
-  const SimpleEndpoint local(kLoopback, 0);
-  ip_mreqn request{};
-  request.imr_multiaddr.s_addr = group.getIp();
-  request.imr_address.s_addr = kLoopback.getIp();
-  request.imr_ifindex = static_cast<int>(if_nametoindex("lo"));
-  bool delivered =
-      receiver >= 0 && sender >= 0 &&
-      setsockopt(receiver, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == 0 &&
-      bind(receiver, groupEndpoint.sockAddr(), SimpleEndpoint::kSockAddrLength) == 0 &&
-      setsockopt(receiver, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0 &&
-      bind(sender, local.sockAddr(), SimpleEndpoint::kSockAddrLength) == 0 &&
-      setsockopt(sender, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl) == 0 &&
-      sendto(sender, "probe", 5, 0, groupEndpoint.sockAddr(), SimpleEndpoint::kSockAddrLength) == 5 &&
-      waitReadable(receiver);
-  if (receiver >= 0) ::close(receiver);
-  if (sender >= 0) ::close(sender);
-  return delivered;
-}
+bool waitReadable(int fd) { return tavrinTesting::waitFor(fd, POLLIN); }
 
 // Whether `device` holds a membership of `group`, from the kernel's IGMP table.
 bool kernelHasMembership(const char* device, const SimpleIp& group) {

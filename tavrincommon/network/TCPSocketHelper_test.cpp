@@ -2,6 +2,7 @@
 
 #include "tavrincommon/network/TCPSocket.h"
 #include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/Sockets.h"
 
 #include <cerrno>
 #include <string>
@@ -20,10 +21,7 @@ namespace {
 // the same host may; the kernel's loopback always answers EINPROGRESS to a non-blocking connect.
 bool connectCompletesAtOnce = false;
 
-bool waitFor(int fd, short events, int ms = 5000) {
-  pollfd entry{fd, events, 0};
-  return poll(&entry, 1, ms) == 1;
-}
+using tavrinTesting::waitFor;
 
 }  // namespace
 

@@ -2,6 +2,7 @@
 
 #include "tavrincommon/network/TCPSocketHelper.h"
 #include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/Sockets.h"
 
 #include <cerrno>
 #include <csignal>
@@ -16,10 +17,7 @@ namespace {
 
 const SimpleIp kLoopback("127.0.0.1");
 
-bool waitFor(int fd, short events, int ms = 5000) {
-  pollfd entry{fd, events, 0};
-  return poll(&entry, 1, ms) == 1;
-}
+using tavrinTesting::waitFor;
 
 // A connected pair over 127.0.0.1: `client` from connectToServer, `server` side accepted.
 class TCPSocketTest : public ::testing::Test {

@@ -1,6 +1,7 @@
 #include "tavrincommon/network/UDPSocket.h"
 
 #include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/Sockets.h"
 
 #include <cerrno>
 #include <algorithm>
@@ -16,10 +17,7 @@ namespace {
 
 const SimpleIp kLoopback("127.0.0.1");
 
-bool waitReadable(int fd, int ms = 5000) {
-  pollfd entry{fd, POLLIN, 0};
-  return poll(&entry, 1, ms) == 1;
-}
+bool waitReadable(int fd) { return tavrinTesting::waitFor(fd, POLLIN); }
 
 SimpleEndpoint actualEndpoint(int fd) {
   SimpleEndpoint endpoint;

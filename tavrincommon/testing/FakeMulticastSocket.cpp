@@ -45,7 +45,6 @@ bool FakeMulticastSocket::open(tavrinNetwork::SimpleIp mcIp, unsigned short mcPo
                                tavrinNetwork::SimpleIp sendIp, unsigned short sendPort,
                                const std::string& interfaceName, bool nonblocking,
                                bool joinGroup, bool multicastLoop) {
-  ++openCalls;
   group = tavrinNetwork::SimpleEndpoint(mcIp, mcPort);
   bound = tavrinNetwork::SimpleEndpoint(sendIp, sendPort);
   interface = interfaceName;
@@ -57,7 +56,6 @@ bool FakeMulticastSocket::open(tavrinNetwork::SimpleIp mcIp, unsigned short mcPo
 }
 
 void FakeMulticastSocket::close() {
-  ++closeCalls;
   isOpen = false;
 }
 
@@ -103,7 +101,6 @@ int FakeMulticastSocket::receive(void* buffer, int length) {
 
 int FakeMulticastSocket::receiveFrom(tavrinNetwork::SimpleEndpoint& from, void* buffer,
                                      int length) {
-  ++receiveCalls;
   if (datagrams.empty()) {
     drain();
     return 0;

@@ -28,7 +28,6 @@ class FakeMulticastSocket : public tavrinNetwork::MulticastSocketInterface {
   void addDatagram(const tavrinNetwork::SimpleEndpoint& from, const std::string& bytes);
   // One receive fails with -1 and this errno.
   void addReceiveError(int error);
-  size_t pendingDatagrams() const { return datagrams.size(); }
   // The next send returns `result` instead of the length (negative: fails with EIO).
   void addSendResult(int result);
 
@@ -59,9 +58,6 @@ class FakeMulticastSocket : public tavrinNetwork::MulticastSocketInterface {
   bool ttlResult = true;
   // What it was asked.
   std::vector<Sent> sent;
-  int openCalls = 0;
-  int closeCalls = 0;
-  int receiveCalls = 0;
   int dscp = -1;
   int ttl = -1;
   bool loop = false;

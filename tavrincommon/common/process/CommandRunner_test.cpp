@@ -2,6 +2,7 @@
 
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/Children.h"
 #include "tavrincommon/testing/GlobalLogCapture.h"
 #include "tavrincommon/testing/RunUntil.h"
 
@@ -21,7 +22,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace tavrinCommon {
@@ -30,11 +30,7 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-#ifdef TAVRIN_TEST_EXPECT_PIDFD
-constexpr bool kPidfd = true;
-#else
-constexpr bool kPidfd = false;
-#endif
+constexpr bool kPidfd = tavrinTesting::kExpectPidfd;
 
 constexpr int kOrigin = DefaultOrigins::UnitTests;
 
@@ -54,24 +50,22 @@ class CommandRunnerTest : public ::testing::Test {
   }
 
   void TearDown() override {
-    siginfo_t info{};
-    errno = 0;
-    EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT), -1);
-    EXPECT_EQ(errno, ECHILD) << "a child was left behind";
+    tavrinTesting::expectNoChildLeft();
     std::system(("rm -rf " + dir).c_str());
   }
 
   std::unique_ptr<CommandRunner> startShell(const std::string& script,
                                             const std::optional<std::string>& stdoutFile = {},
-                                            tavrinScheduler::Scheduler* loop = nullptr) {
+                                            const std::optional<std::string>& stdinFile = {},
+                                            const std::optional<std::string>& stderrFile = {}) {
     return CommandRunner::start(
-        kOrigin, loop ? loop : &scheduler,
+        kOrigin, &scheduler,
         [this](int status) {
           ++calls;
           lastStatus = status;
           callbackOnLoop = std::this_thread::get_id() == loopThread;
         },
-        "/bin/sh", {"-c", script}, std::nullopt, stdoutFile, std::nullopt);
+        "/bin/sh", {"-c", script}, stdinFile, stdoutFile, stderrFile);
   }
 
   // Waits until the child has written `text` to `path`: it is then ready for the test.
@@ -131,13 +125,7 @@ TEST_F(CommandRunnerTest, RedirectsStreamsToFiles) {
   const std::string out = dir + "/out";
   const std::string err = dir + "/err";
   std::ofstream(in) << "from file\n";
-  std::unique_ptr<CommandRunner> runner = CommandRunner::start(
-      kOrigin, &scheduler,
-      [&](int status) {
-        lastStatus = status;
-        ++calls;
-      },
-      "/bin/sh", {"-c", "cat; echo oops >&2"}, in, out, err);
+  std::unique_ptr<CommandRunner> runner = startShell("cat; echo oops >&2", out, in, err);
   ASSERT_TRUE(runner);
   ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return calls > 0; }));
   EXPECT_EQ(lastStatus, 0);
@@ -148,13 +136,7 @@ TEST_F(CommandRunnerTest, RedirectsStreamsToFiles) {
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 
   // Without a stdin file the child reads the null device, never the application's input.
-  runner = CommandRunner::start(
-      kOrigin, &scheduler,
-      [&](int status) {
-        lastStatus = status;
-        ++calls;
-      },
-      "/bin/sh", {"-c", "cat"}, std::nullopt, out, std::nullopt);
+  runner = startShell("cat", out);
   ASSERT_TRUE(runner);
   ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return calls == 2; }));
   EXPECT_EQ(readFile(out), "");

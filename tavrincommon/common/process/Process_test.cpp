@@ -1,6 +1,7 @@
 #include "tavrincommon/common/process/Process.h"
 
 #include "tavrincommon/common/process/Command.h"
+#include "tavrincommon/testing/Children.h"
 #include "tavrincommon/testing/GlobalLogCapture.h"
 
 #include <cerrno>
@@ -13,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace tavrinCommon {
@@ -23,11 +23,7 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-#ifdef TAVRIN_TEST_EXPECT_PIDFD
-constexpr bool kPidfd = true;
-#else
-constexpr bool kPidfd = false;
-#endif
+constexpr bool kPidfd = tavrinTesting::kExpectPidfd;
 
 Command shell(const std::string& script) {
   Command command("/bin/sh");
@@ -48,13 +44,7 @@ void readUntil(int fd, const std::string& text) {
 
 class ProcessTest : public ::testing::Test {
  protected:
-  // No child of this test may be left, running or as a zombie.
-  void TearDown() override {
-    siginfo_t info{};
-    errno = 0;
-    EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT), -1);
-    EXPECT_EQ(errno, ECHILD) << "a child was left behind";
-  }
+  void TearDown() override { tavrinTesting::expectNoChildLeft(); }
 
   tavrinTesting::GlobalLogCapture log;
 };

@@ -75,6 +75,13 @@ class MessageBuffer {
     if (static_cast<size_t>(capacityEnd - cursor) < n) grow(static_cast<uint64_t>(getOffset()) + n);
   }
   void doubleBuffer();
+  // For a reader that fills the buffer itself: room for `n` bytes at the cursor, then
+  // commitWritten with what was actually put there.
+  char* prepareWrite(unsigned n) {
+    ensureBufferSpace(n);
+    return cursor;
+  }
+  void commitWritten(unsigned n) { advanceWritten(n); }
 
   unsigned getOffset() const { return static_cast<unsigned>(cursor - begin); }
   unsigned getDataLength() const { return static_cast<unsigned>(dataEnd - begin); }

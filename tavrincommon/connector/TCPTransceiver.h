@@ -76,6 +76,8 @@ class TCPTransceiver {
   bool finalizeConnection();
   bool inputReady();
   bool parsePacket(const char* data, int length);
+  // The frame in the receive buffer is complete: verify and deliver it.
+  bool deliverFrame();
   bool extractPacketLength(const char* data, int available, int needed, unsigned& length);
   bool send();
   void setSocketOutputEventEnable(bool on);

@@ -124,6 +124,28 @@ TEST_F(TCPTransceiverTest, DeliversEveryFrameOfAReadInOrderAndKeepsTheRest) {
   EXPECT_EQ(received[3], d);
 }
 
+TEST_F(TCPTransceiverTest, LargeFrameReadIntoItsStorageStopsAtItsLastByte) {
+  make(true);
+  std::string payload(10000, '\0');
+  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 7);
+  const std::string large = frameOf(4, 1, payload), next = frameOf(4, 2, "next");
+  // The rest of the large frame and the next frame arrive together: the read into the frame's
+  // storage must take only what belongs to it.
+  fake->addChunk(large.substr(0, 3000));
+  fake->addChunk(large.substr(3000) + next);
+  // A short read ends a callback as the socket would then be drained: one call per chunk here.
+  for (int i = 0; i < 3; ++i) readable();
+  ASSERT_EQ(received.size(), 2u);
+  EXPECT_EQ(received[0], large);
+  EXPECT_EQ(received[1], next);
+
+  fake->addChunks(large + next, 4096);  // a frame split across several reads of its storage
+  for (int i = 0; i < 6; ++i) readable();
+  ASSERT_EQ(received.size(), 4u);
+  EXPECT_EQ(received[2], large);
+  EXPECT_EQ(received[3], next);
+}
+
 TEST_F(TCPTransceiverTest, CompletesHeaderSplitAfterThreeBytes) {
   make(true);
   const std::string frame = frameOf(2, 0, "xy");

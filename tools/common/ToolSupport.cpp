@@ -179,7 +179,7 @@ void printVersion(const char* tool) {
 }
 
 const char* const kCommonOptionsHelp =
-    "  --log-level SPEC     log levels: LEVEL for every origin, ORIGIN=LEVEL for one, or a\n"
+    "  --log-level LEVELS   log levels: LEVEL for every origin, ORIGIN=LEVEL for one, or a\n"
     "                       comma-separated list of both (levels: Off Emergency Error Warning\n"
     "                       Info Service Debug Detailed Maximum; origins: Firmware TCPConnector\n"
     "                       SimpleConnector MCAnnounce Sockets NetworkService Scheduler ...)\n"

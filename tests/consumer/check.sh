@@ -29,6 +29,8 @@ if command -v pkg-config >/dev/null 2>&1; then
   PKG_CONFIG_PATH=$(dirname "$(find "$scratch/prefix" -name tavrincommon.pc | head -n 1)")
   export PKG_CONFIG_PATH
   # shellcheck disable=SC2046
-  "$cxx" -o "$scratch/consumer-pc" "$source_dir/main.cpp" $(pkg-config --cflags --libs --static tavrincommon)
+  # The run path lets a shared build's consumer find the library without installing it system-wide.
+  "$cxx" -o "$scratch/consumer-pc" "$source_dir/main.cpp" $(pkg-config --cflags --libs --static tavrincommon) \
+    -Wl,-rpath,"$(pkg-config --variable=libdir tavrincommon)"
   "$@" "$scratch/consumer-pc"
 fi

@@ -2,6 +2,7 @@
 
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/testing/ConnectorFrames.h"
 
 #include <gtest/gtest.h>
 
@@ -15,12 +16,7 @@ namespace {
 
 using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
-
-struct Tag : CustomConnectData {
-  explicit Tag(int* destroyed_) : destroyed(destroyed_) {}
-  ~Tag() override { ++*destroyed; }
-  int* destroyed;
-};
+using tavrinTesting::CountedTag;
 
 class Handler : public ConnectionHandlerBase {
  public:
@@ -127,12 +123,12 @@ TEST_F(ConnectionHandlerBaseTest, CustomDataLivesUntilReplacedOrDestroyed) {
   int destroyed = 0;
   {
     Handler local;
-    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, std::make_unique<Tag>(&destroyed),
+    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, std::make_unique<CountedTag>(&destroyed),
                     {}, {});
     local.disconnected(0, true);
     EXPECT_EQ(destroyed, 0);
     ASSERT_NE(local.getCustomConnectData(), nullptr);
-    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, std::make_unique<Tag>(&destroyed),
+    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, std::make_unique<CountedTag>(&destroyed),
                     {}, {});
     EXPECT_EQ(destroyed, 1);
   }

@@ -5,6 +5,7 @@
 #include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/connector/TCPConnectorSlave.h"
 #include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/ConnectorFrames.h"
 #include "tavrincommon/testing/FakeTCPSocket.h"
 #include "tavrincommon/testing/LogCapture.h"
 #include "tavrincommon/testing/RecordingHandler.h"
@@ -21,12 +22,7 @@ namespace {
 using namespace std::chrono_literals;
 using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
-
-struct Tag : CustomConnectData {
-  explicit Tag(int* destroyed_) : destroyed(destroyed_) {}
-  ~Tag() override { ++*destroyed; }
-  int* destroyed;
-};
+using tavrinTesting::CountedTag;
 
 TEST(TCPConnectorBaseTest, PendingRequestsTimeOutBetweenTenAndFifteenSeconds) {
   tavrinTesting::LogCapture log;
@@ -60,10 +56,10 @@ TEST(TCPConnectorBaseTest, PendingRequestsTimeOutBetweenTenAndFifteenSeconds) {
   slave.setEnabled(true);
   const SimpleEndpoint first(SimpleIp("127.0.0.1"), 4000);
   const SimpleEndpoint second(SimpleIp("127.0.0.1"), 4001);
-  ASSERT_TRUE(slave.connect(first, 8, 5, 12, 1, std::make_unique<Tag>(&destroyed)));
+  ASSERT_TRUE(slave.connect(first, 8, 5, 12, 1, std::make_unique<CountedTag>(&destroyed)));
   EXPECT_TRUE(slave.isActive());
   tavrinTesting::runFor(scheduler, 3s);
-  ASSERT_TRUE(slave.connect(second, 8, 5, 13, 2, std::make_unique<Tag>(&destroyed)));
+  ASSERT_TRUE(slave.connect(second, 8, 5, 13, 2, std::make_unique<CountedTag>(&destroyed)));
 
   ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return reports.size() == 2; }, 20s));
   EXPECT_EQ(reports[0].id, 1u);

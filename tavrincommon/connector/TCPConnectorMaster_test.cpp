@@ -2,6 +2,7 @@
 
 #include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/ConnectorFrames.h"
 #include "tavrincommon/testing/LogCapture.h"
 #include "tavrincommon/testing/RecordingHandler.h"
 #include "tavrincommon/testing/RunUntil.h"
@@ -27,36 +28,12 @@ namespace {
 using namespace std::chrono_literals;
 using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
+using tavrinTesting::Bytes;
+using tavrinTesting::frame;
 using tavrinTesting::HandlerRecord;
+using tavrinTesting::readU16;
+using tavrinTesting::readU32;
 using tavrinTesting::RecordingHandler;
-
-// Little-endian fields, written and read by hand: an encoder independent of the library's.
-struct Bytes {
-  std::string data;
-  Bytes& u8(uint8_t v) {
-    data.push_back(static_cast<char>(v));
-    return *this;
-  }
-  Bytes& u16(uint16_t v) { return u8(v & 0xFF).u8(v >> 8); }
-  Bytes& u32(uint32_t v) { return u16(v & 0xFFFF).u16(v >> 16); }
-};
-
-std::string frame(uint8_t type, uint32_t info, const std::string& payload = {}) {
-  Bytes b;
-  b.u8(0xA5).u32(static_cast<uint32_t>(payload.size() + 6)).u8(type).u32(info);
-  b.data += payload;
-  b.u8(0x5A);
-  return b.data;
-}
-
-uint32_t readU32(const std::string& s, size_t at) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<uint8_t>(s[at + static_cast<size_t>(i)]);
-  return v;
-}
-uint16_t readU16(const std::string& s, size_t at) {
-  return static_cast<uint16_t>(static_cast<uint8_t>(s[at]) | (static_cast<uint8_t>(s[at + 1]) << 8));
-}
 
 struct Frame {
   uint8_t type = 0xFF;

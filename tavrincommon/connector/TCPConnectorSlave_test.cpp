@@ -3,6 +3,7 @@
 #include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
 #include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/ConnectorFrames.h"
 #include "tavrincommon/testing/FakeTCPSocket.h"
 #include "tavrincommon/testing/LogCapture.h"
 #include "tavrincommon/testing/RecordingHandler.h"
@@ -22,27 +23,12 @@ namespace {
 using namespace std::chrono_literals;
 using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
+using tavrinTesting::Bytes;
+using tavrinTesting::CountedTag;
 using tavrinTesting::FakeTCPSocket;
+using tavrinTesting::frame;
 using tavrinTesting::HandlerRecord;
 using tavrinTesting::RecordingHandler;
-
-struct Bytes {
-  std::string data;
-  Bytes& u8(uint8_t v) {
-    data.push_back(static_cast<char>(v));
-    return *this;
-  }
-  Bytes& u16(uint16_t v) { return u8(v & 0xFF).u8(v >> 8); }
-  Bytes& u32(uint32_t v) { return u16(v & 0xFFFF).u16(v >> 16); }
-};
-
-std::string frame(uint8_t type, uint32_t info, const std::string& payload = {}) {
-  Bytes b;
-  b.u8(0xA5).u32(static_cast<uint32_t>(payload.size() + 6)).u8(type).u32(info);
-  b.data += payload;
-  b.u8(0x5A);
-  return b.data;
-}
 
 std::string acceptFrame(uint32_t ownId, uint16_t type, uint16_t version, uint32_t masterId) {
   return frame(9, 8, Bytes().u32(ownId).u16(type).u16(version).u32(masterId).u32(100).data);
@@ -54,12 +40,6 @@ struct Rejection {
   int reason;
   unsigned remoteConnectionId;
   bool hadData;
-};
-
-struct Tag : CustomConnectData {
-  explicit Tag(int* destroyed_) : destroyed(destroyed_) {}
-  ~Tag() override { ++*destroyed; }
-  int* destroyed;
 };
 
 class TCPConnectorSlaveTest : public ::testing::Test {
@@ -138,7 +118,7 @@ TEST_F(TCPConnectorSlaveTest, GreetsANewTCPConnectionThenAsksWithItsVersionsHigh
 
 TEST_F(TCPConnectorSlaveTest, AnAcceptCreatesTheHandlerWithTheCustomData) {
   int destroyed = 0;
-  ASSERT_TRUE(slave.connectAutomatic(master, 8, 5, 7, std::make_unique<Tag>(&destroyed)));
+  ASSERT_TRUE(slave.connectAutomatic(master, 8, 5, 7, std::make_unique<CountedTag>(&destroyed)));
   sockets[0]->addChunk(acceptFrame(7, 5, 2, 300));
   ASSERT_TRUE(run([&] { return record->count("connected") == 1; })) << log.text();
   auto* handler = static_cast<RecordingHandler*>(slave.getConnection(7));
@@ -177,11 +157,11 @@ TEST_F(TCPConnectorSlaveTest, LocalFailuresAreReportedBeforeTheCallReturns) {
   ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
   const std::string before = sockets[0]->written;
   for (unsigned id : {0u, 0xFFFFFFFFu, 7u})
-    EXPECT_FALSE(slave.connect(master, 8, 5, 12, id, std::make_unique<Tag>(&destroyed)));
-  EXPECT_FALSE(slave.connect(master, 8, 6, 12, 8, std::make_unique<Tag>(&destroyed)));
+    EXPECT_FALSE(slave.connect(master, 8, 5, 12, id, std::make_unique<CountedTag>(&destroyed)));
+  EXPECT_FALSE(slave.connect(master, 8, 6, 12, 8, std::make_unique<CountedTag>(&destroyed)));
   factoryFails = true;
   const SimpleEndpoint other(SimpleIp("127.0.0.1"), 4001);
-  EXPECT_EQ(slave.connect(other, 8, 5, 12, std::make_unique<Tag>(&destroyed)), 0xFFFFFFFFu);
+  EXPECT_EQ(slave.connect(other, 8, 5, 12, std::make_unique<CountedTag>(&destroyed)), 0xFFFFFFFFu);
 
   ASSERT_EQ(rejections.size(), 4u);  // type 6 has no rejected callback
   for (size_t i = 0; i < 3; ++i) {

@@ -115,6 +115,13 @@ class MasterSlaveTest : public ::testing::Test {
              masterRecord->count("connected") > before;
     })) << log.text();
   }
+  // The master and one slave; `connected`: with slave id 7 connected to master id 12.
+  Slave& startWithSlave(bool connected) {
+    startMaster();
+    Slave& slave = addSlave();
+    if (connected) connectPair(slave, 12, 7);
+    return slave;
+  }
   bool allClosed() {
     if (master.getTCPConnectionCount() != 0) return false;
     for (auto& slave : slaves)
@@ -131,9 +138,7 @@ class MasterSlaveTest : public ::testing::Test {
 };
 
 TEST_F(MasterSlaveTest, AcceptsWithTheHighestCommonVersionAndCarriesDataBothWays) {
-  startMaster();
-  Slave& slave = addSlave();
-  connectPair(slave, 12, 7);
+  Slave& slave = startWithSlave(true);
 
   RecordingHandler* own = slave.handler(7);
   RecordingHandler* remote = masterHandler(12);
@@ -168,8 +173,7 @@ TEST_F(MasterSlaveTest, AcceptsWithTheHighestCommonVersionAndCarriesDataBothWays
 }
 
 TEST_F(MasterSlaveTest, RejectsWithTheReasonOfTheFirstFailingCheck) {
-  startMaster();
-  Slave& slave = addSlave();
+  Slave& slave = startWithSlave(false);
   slave.connector.addConnectionHandler(6, 1, RecordingHandler::factory(6, 1, slave.record));
   slave.connector.addConnectionHandler(9, 1, RecordingHandler::factory(9, 1, slave.record));
   connectPair(slave, 12, 1);
@@ -251,7 +255,7 @@ TEST_F(MasterSlaveTest, AutomaticConnectionsTakeFreeIdsUntilTheRangeIsFull) {
             DisconnectReason::automaticConnectionRemoved) << log.text();
 }
 
-TEST_F(MasterSlaveTest, OverwriteExistingReplacesTheOldPeer) {
+TEST_F(MasterSlaveTest, OverwriteExistingReplacesTheOldPeerAndMovesStayRefused) {
   startMaster(true);
   Slave& first = addSlave(201);
   Slave& second = addSlave(202);
@@ -267,6 +271,13 @@ TEST_F(MasterSlaveTest, OverwriteExistingReplacesTheOldPeer) {
   EXPECT_TRUE(log.contains("Replacing existing connection 12 (type 5) on TCP endpoint"));
   // The first slave's TCP connection lost its only logical connection and is closed.
   ASSERT_TRUE(run([&] { return first.connector.getTCPConnectionCount() == 0; }));
+
+  // Without allowMove a move is refused for the general setting, before the cluster id is looked at.
+  ASSERT_TRUE(first.connector.moveConnection(endpoint, 3, kType, 12, 9, nullptr));
+  ASSERT_TRUE(run([&] { return first.rejectedCount() == 1; }));
+  EXPECT_EQ(first.rejected()[0].reason, DisconnectReason::notAllowed);
+  EXPECT_TRUE(log.contains("not allowed (general setting)!"));
+  EXPECT_TRUE(second.handler(6)->isConnected());
 }
 
 TEST_F(MasterSlaveTest, MovesAConnectionOntoASecondTCPConnection) {
@@ -301,22 +312,8 @@ TEST_F(MasterSlaveTest, MovesAConnectionOntoASecondTCPConnection) {
   EXPECT_EQ(second.rejected()[1].reason, DisconnectReason::wrongClusterId);
 }
 
-TEST_F(MasterSlaveTest, MovesAreRefusedUnlessAllowed) {
-  startMaster(false, false);
-  Slave& first = addSlave(201);
-  Slave& second = addSlave(202);
-  connectPair(first, 12, 5);
-  // Refused for the general setting before the cluster id is looked at.
-  ASSERT_TRUE(second.connector.moveConnection(endpoint, 3, kType, 12, 9, nullptr));
-  ASSERT_TRUE(run([&] { return second.rejectedCount() == 1; }));
-  EXPECT_EQ(second.rejected()[0].reason, DisconnectReason::notAllowed);
-  EXPECT_TRUE(log.contains("not allowed (general setting)!"));
-  EXPECT_TRUE(first.handler(5)->isConnected());
-}
-
 TEST_F(MasterSlaveTest, EveryDisconnectPathReachesBothEndsWithItsReason) {
-  startMaster();
-  Slave& slave = addSlave();
+  Slave& slave = startWithSlave(false);
   struct Path {
     const char* name;
     std::function<void()> end;
@@ -374,9 +371,7 @@ TEST_F(MasterSlaveTest, EveryDisconnectPathReachesBothEndsWithItsReason) {
 }
 
 TEST_F(MasterSlaveTest, ABrokenTCPConnectionEndsItsConnectionsAsInterrupted) {
-  startMaster();
-  Slave& slave = addSlave();
-  connectPair(slave, 12, 7);
+  Slave& slave = startWithSlave(true);
   connectPair(slave, 13, 8);
   SingleTCPConnectionEndpoint* connection = master.getTCPConnection(masterHandler(12)->getRemoteEndpoint());
   ASSERT_NE(connection, nullptr);
@@ -384,13 +379,9 @@ TEST_F(MasterSlaveTest, ABrokenTCPConnectionEndsItsConnectionsAsInterrupted) {
   ASSERT_TRUE(run([&] {
     return masterRecord->count("disconnected") == 2 && slave.record->count("disconnected") == 2;
   })) << log.text();
-  for (const auto* record : {masterRecord.get(), slave.record.get()}) {
-    for (const auto& event : record->all()) {
-      if (event.what == "disconnected") {
-        EXPECT_EQ(event.reason, DisconnectReason::connectionInterrupted);
-      }
-    }
-  }
+  const int interrupted = DisconnectReason::connectionInterrupted;
+  EXPECT_EQ(masterRecord->reasons(), (std::map<unsigned, int>{{12, interrupted}, {13, interrupted}}));
+  EXPECT_EQ(slave.record->reasons(), (std::map<unsigned, int>{{7, interrupted}, {8, interrupted}}));
   EXPECT_TRUE(log.contains("Disconnecting TCP connection 127.0.0.1:"));
   ASSERT_TRUE(run([&] { return allClosed(); }));
 }
@@ -410,9 +401,7 @@ TEST_F(MasterSlaveTest, KeepAliveClosesAPeerThatFallsSilent) {
 }
 
 TEST_F(MasterSlaveTest, DisablingRejectsPendingAndEndsActiveConnections) {
-  startMaster();
-  Slave& slave = addSlave();
-  connectPair(slave, 12, 7);
+  Slave& slave = startWithSlave(true);
   // A listener that never answers keeps a request pending.
   auto silent = tavrinNetwork::TCPSocketHelper::createListenSocket(
       SimpleEndpoint(SimpleIp("127.0.0.1"), 0), false, nullptr);
@@ -436,9 +425,7 @@ TEST_F(MasterSlaveTest, DisablingRejectsPendingAndEndsActiveConnections) {
 }
 
 TEST_F(MasterSlaveTest, SetIpRestartsTheMasterOnTheNewAddress) {
-  startMaster();
-  Slave& slave = addSlave();
-  connectPair(slave, 12, 7);
+  Slave& slave = startWithSlave(true);
   master.setIp(SimpleIp("127.0.0.2"));
   EXPECT_TRUE(log.contains("Changed TCPConnector Panel Master 1 IP to 127.0.0.2 (old: 127.0.0.1), "
                            "restarting..."));
@@ -452,8 +439,7 @@ TEST_F(MasterSlaveTest, SetIpRestartsTheMasterOnTheNewAddress) {
 }
 
 TEST_F(MasterSlaveTest, HandlersMayEndConnectionsFromInsideTheirOwnCalls) {
-  startMaster();
-  Slave& slave = addSlave();
+  Slave& slave = startWithSlave(false);
   // Master side: "bye" ends the receiving connection itself, "other" ends connection 14.
   masterRecord->onReceive = [&](RecordingHandler& handler, const std::string& payload) {
     const int aliveBefore = masterRecord->alive();
@@ -483,9 +469,7 @@ TEST_F(MasterSlaveTest, HandlersMayEndConnectionsFromInsideTheirOwnCalls) {
     return master.getConnection(13) == nullptr && master.getConnection(15) == nullptr;
   }));
   ASSERT_TRUE(run([&] { return slave.connector.getActiveConnectionCount() == 1; }));
-  std::map<unsigned, int> reasons;
-  for (const auto& event : slave.record->all())
-    if (event.what == "disconnected") reasons[event.id] = event.reason;
+  std::map<unsigned, int> reasons = slave.record->reasons();
   EXPECT_EQ(reasons[10], 51);
   EXPECT_EQ(reasons[8], 50);
   EXPECT_EQ(reasons[11], 52);
@@ -500,8 +484,7 @@ TEST_F(MasterSlaveTest, HandlersMayEndConnectionsFromInsideTheirOwnCalls) {
 }
 
 TEST_F(MasterSlaveTest, AnAcceptTheSlaveCannotServeEndsTheMasterSideAndFreesTheId) {
-  startMaster();
-  Slave& slave = addSlave();
+  Slave& slave = startWithSlave(false);
   ASSERT_TRUE(slave.connector.connect(endpoint, kCluster, kType, 12, 7, nullptr));
   // The versions offered go out with the request; the slave loses them before the answer.
   slave.connector.removeConnectionHandler(kType, 1);

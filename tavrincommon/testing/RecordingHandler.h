@@ -9,6 +9,7 @@
 #include "tavrincommon/connector/OutputMessage.h"
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -47,6 +48,14 @@ struct HandlerRecord {
     for (auto it = events.rbegin(); it != events.rend(); ++it)
       if (it->what == what) return *it;
     return {};
+  }
+  // The reason of the last disconnect of each connection id.
+  std::map<unsigned, int> reasons() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::map<unsigned, int> byId;
+    for (const Event& event : events)
+      if (event.what == "disconnected") byId[event.id] = event.reason;
+    return byId;
   }
   int alive() const {
     std::lock_guard<std::mutex> lock(mutex);

@@ -3,6 +3,7 @@
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/testing/ConnectorFrames.h"
+#include "tavrincommon/testing/RecordingHandler.h"
 
 #include <gtest/gtest.h>
 
@@ -17,31 +18,8 @@ namespace {
 using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
 using tavrinTesting::CountedTag;
-
-class Handler : public ConnectionHandlerBase {
- public:
-  void receive(std::unique_ptr<InputMessage>&&) override {}
-  unsigned short getType() const override { return 5; }
-  unsigned short getVersion() const override { return 2; }
-  bool moveConnectionAllowed() const override { return allowMove; }
-
-  bool allowMove = false;
-  int inits = 0;
-  int connects = 0;
-  int moves = 0;
-  std::vector<std::string> seenInDisconnected;
-
- protected:
-  void specificInit() override { ++inits; }
-  void specificConnected() override { ++connects; }
-  void specificDisconnected(unsigned int id, int reason, bool last) override {
-    std::ostringstream out;
-    out << id << "/" << reason << "/" << last << "/" << isConnected() << "/"
-        << getRemoteConnectionId() << "/" << getRemoteDeviceId();
-    seenInDisconnected.push_back(out.str());
-  }
-  void specificConnectionMoved(bool) override { ++moves; }
-};
+using tavrinTesting::HandlerRecord;
+using tavrinTesting::RecordingHandler;
 
 class ConnectionHandlerBaseTest : public ::testing::Test {
  protected:
@@ -52,18 +30,26 @@ class ConnectionHandlerBaseTest : public ::testing::Test {
         [this](int reason) { disconnectReasons.push_back(reason); });
   }
 
-  Handler handler;
+  std::shared_ptr<HandlerRecord> record = std::make_shared<HandlerRecord>();
+  RecordingHandler handler{5, 2, record};
   int sent = 0;
   std::vector<int> disconnectReasons;
 };
 
 TEST_F(ConnectionHandlerBaseTest, ConnectedStoresTheConnectionAndDisconnectedClearsIt) {
+  std::vector<std::string> seenInDisconnected;
+  record->onDisconnected = [&](RecordingHandler& h, unsigned id, int reason) {
+    seenInDisconnected.push_back(std::to_string(id) + "/" + std::to_string(reason) + "/" +
+                                 std::to_string(h.isConnected()) + "/" +
+                                 std::to_string(h.getRemoteConnectionId()) + "/" +
+                                 std::to_string(h.getRemoteDeviceId()));
+  };
   handler.init(true);
-  EXPECT_EQ(handler.inits, 1);
+  EXPECT_EQ(record->count("init"), 1u);
   EXPECT_FALSE(handler.isConnected());
   connect();
   ASSERT_TRUE(handler.isConnected());
-  EXPECT_EQ(handler.connects, 1);
+  EXPECT_EQ(record->count("connected"), 1u);
   EXPECT_EQ(handler.getClusterId(), 8u);
   EXPECT_EQ(handler.getConnectionId(), 12u);
   EXPECT_TRUE(handler.isAutomatic());
@@ -72,15 +58,16 @@ TEST_F(ConnectionHandlerBaseTest, ConnectedStoresTheConnectionAndDisconnectedCle
   // A second connected changes nothing.
   handler.connected(9, 13, false, 41, 1, SimpleEndpoint(), false, nullptr, {}, {});
   EXPECT_EQ(handler.getConnectionId(), 12u);
-  EXPECT_EQ(handler.connects, 1);
+  EXPECT_EQ(record->count("connected"), 1u);
 
   handler.requestDisconnect(3);
   EXPECT_EQ(disconnectReasons, std::vector<int>{3});
 
   handler.disconnected(-4, true);
-  ASSERT_EQ(handler.seenInDisconnected.size(), 1u);
+  ASSERT_EQ(seenInDisconnected.size(), 1u);
   // Inside the hook the connection is already ended but the remote ids are still there.
-  EXPECT_EQ(handler.seenInDisconnected[0], "12/-4/1/0/40/4660");
+  EXPECT_EQ(seenInDisconnected[0], "12/-4/0/40/4660");
+  EXPECT_TRUE(record->lastOf("disconnected").last);
   EXPECT_EQ(handler.getClusterId(), 0xFFFFFFFFu);
   EXPECT_EQ(handler.getRemoteConnectionId(), 0xFFFFFFFFu);
   EXPECT_EQ(handler.getRemoteDeviceId(), 0xFFFFFFFFu);
@@ -91,7 +78,7 @@ TEST_F(ConnectionHandlerBaseTest, ConnectedStoresTheConnectionAndDisconnectedCle
   handler.disconnected(-4, true);
   handler.requestDisconnect(5);
   EXPECT_EQ(disconnectReasons, std::vector<int>{3});
-  EXPECT_EQ(handler.seenInDisconnected.size(), 1u);
+  EXPECT_EQ(seenInDisconnected.size(), 1u);
 }
 
 TEST_F(ConnectionHandlerBaseTest, MoveIsIgnoredUnlessTheHandlerAllowsIt) {
@@ -99,17 +86,17 @@ TEST_F(ConnectionHandlerBaseTest, MoveIsIgnoredUnlessTheHandlerAllowsIt) {
   handler.moveConnection(
       77, 99, SimpleEndpoint(SimpleIp("127.0.0.2"), 6000), false, true,
       [](std::unique_ptr<OutputMessage>&&) {}, [](int) {});
-  EXPECT_EQ(handler.moves, 0);
+  EXPECT_EQ(record->count("moved"), 0u);
   EXPECT_EQ(handler.getRemoteConnectionId(), 40u);
   handler.requestDisconnect(1);
   EXPECT_EQ(disconnectReasons.size(), 1u);
 
-  handler.allowMove = true;
+  handler.setMoveAllowed(true);
   std::vector<int> newReasons;
   handler.moveConnection(
       77, 99, SimpleEndpoint(SimpleIp("127.0.0.2"), 6000), false, true,
       [](std::unique_ptr<OutputMessage>&&) {}, [&](int r) { newReasons.push_back(r); });
-  EXPECT_EQ(handler.moves, 1);
+  EXPECT_EQ(record->count("moved"), 1u);
   EXPECT_EQ(handler.getConnectionId(), 12u);
   EXPECT_EQ(handler.getClusterId(), 8u);
   EXPECT_EQ(handler.getRemoteConnectionId(), 77u);
@@ -122,7 +109,7 @@ TEST_F(ConnectionHandlerBaseTest, MoveIsIgnoredUnlessTheHandlerAllowsIt) {
 TEST_F(ConnectionHandlerBaseTest, CustomDataLivesUntilReplacedOrDestroyed) {
   int destroyed = 0;
   {
-    Handler local;
+    RecordingHandler local(5, 2, record);
     local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, std::make_unique<CountedTag>(&destroyed),
                     {}, {});
     local.disconnected(0, true);

@@ -21,7 +21,7 @@ class RecordingHandler;
 
 struct HandlerRecord {
   struct Event {
-    std::string what;  // "connected", "received", "disconnected", "moved"
+    std::string what;  // "init", "connected", "received", "disconnected", "moved"
     unsigned id = 0;
     int reason = 0;
     bool last = false;
@@ -116,8 +116,10 @@ class RecordingHandler : public tavrinConnector::ConnectionHandlerBase {
   unsigned short getType() const override { return type; }
   unsigned short getVersion() const override { return version; }
   bool moveConnectionAllowed() const override { return allowMove; }
+  void setMoveAllowed(bool allowed) { allowMove = allowed; }
 
  protected:
+  void specificInit() override { record->add({"init", connectionId, 0, false, {}}); }
   void specificConnected() override {
     record->add({"connected", connectionId, 0, false, {}});
     if (record->onConnected) record->onConnected(*this);

@@ -45,20 +45,17 @@ struct Rejection {
 class TCPConnectorSlaveTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    slave.initCommon(2, 200, ConnectorInterfaceType::Client, SimpleIp("127.0.0.1"),
-                     ConnectionTimeout{}, false);
-    for (unsigned short version : {1, 2, 5})
-      slave.addConnectionHandler(5, version, RecordingHandler::factory(5, version, record));
+    makeSlave(ConnectionTimeout{});
     slave.addConnectionRejectedCallback(
         5, [this](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason, unsigned remote,
                   unsigned short, const CustomConnectData* data) {
           rejections.push_back({cluster, id, reason, remote, data != nullptr});
         });
-    slave.setEnabled(true);
   }
   void makeSlave(const ConnectionTimeout& timing) {
     slave.initCommon(2, 200, ConnectorInterfaceType::Client, SimpleIp("127.0.0.1"), timing, false);
-    slave.addConnectionHandler(5, 1, RecordingHandler::factory(5, 1, record));
+    for (unsigned short version : {1, 2, 5})
+      slave.addConnectionHandler(5, version, RecordingHandler::factory(5, version, record));
     slave.setEnabled(true);
   }
   bool run(const std::function<bool()>& condition, std::chrono::milliseconds limit = 3s) {

@@ -463,10 +463,7 @@ TEST_F(MasterSlaveTest, HandlersMayEndConnectionsFromInsideTheirOwnCalls) {
     return master.getConnection(13) == nullptr && master.getConnection(15) == nullptr;
   }));
   ASSERT_TRUE(run([&] { return slave.connector.getActiveConnectionCount() == 1; }));
-  std::map<unsigned, int> reasons = slave.record->reasons();
-  EXPECT_EQ(reasons[10], 51);
-  EXPECT_EQ(reasons[8], 50);
-  EXPECT_EQ(reasons[11], 52);
+  EXPECT_EQ(slave.record->reasons(), (std::map<unsigned, int>{{8, 50}, {10, 51}, {11, 52}}));
 
   const size_t connectedBefore = masterRecord->count("connected");
   ASSERT_TRUE(slave.connector.connect(endpoint, kCluster, kType, 13, 9, nullptr));

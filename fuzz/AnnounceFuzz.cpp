@@ -8,6 +8,7 @@
 //   bytes][bytes]. Flag bit 0 wraps the bytes as the payload of an announce frame (format version
 //   0, network id 1), bits 1-2 choose one of four senders, bit 3 runs the worker afterwards, bit 4
 //   removes announcement id 1 locally, bit 5 sends the datagram longer than the receive buffer.
+#include "FuzzCheck.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/MCAnnounceData.h"
 #include "tavrincommon/connector/MCAnnounceSlave.h"
@@ -31,14 +32,6 @@ using tavrinConnector::MCAnnounceData;
 using tavrinConnector::MCAnnounceSlave;
 using tavrinConnector::OutputMessage;
 using tavrinConnector::SingleAnnouncementData;
-
-#define FUZZ_CHECK(condition)                                                              \
-  do {                                                                                     \
-    if (!(condition)) {                                                                    \
-      std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                                        \
-    }                                                                                      \
-  } while (false)
 
 // Every line is formatted (the level is Maximum) and dropped.
 tavrinLog::TavrinLogging& fuzzLogging() {

@@ -3,6 +3,7 @@
 // checks that every delivered frame verifies and is exactly the next frame of the stream.
 //
 // Input layout: byte 0 and 1 seed the chunking and choose the options, the rest is the stream.
+#include "FuzzCheck.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/connector/TCPTransceiver.h"
@@ -20,14 +21,6 @@ namespace {
 using tavrinConnector::InputMessage;
 using tavrinConnector::OutputMessage;
 using tavrinConnector::TCPTransceiver;
-
-#define FUZZ_CHECK(condition)                                                    \
-  do {                                                                           \
-    if (!(condition)) {                                                          \
-      std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                              \
-    }                                                                            \
-  } while (false)
 
 struct MessageBufferView {
   const char* data;

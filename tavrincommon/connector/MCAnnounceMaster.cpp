@@ -2,6 +2,7 @@
 
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/connector/TavrinConnectorMessageType.h"
+#include "tavrincommon/connector/internal/DefaultMulticastSocket.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/network/MulticastSocket.h"
@@ -34,20 +35,17 @@ MCAnnounceMaster::MCAnnounceMaster(tavrinScheduler::Scheduler* scheduler_,
       logger(logger_),
       scheduler(scheduler_),
       socketFactory(std::move(socketFactory_)),
-      sendTimer(scheduler_, sendInterval, [this] { sendAnnounceDataIfNeeded(data); },
-                DefaultOrigins::MCAnnounce),
+      sendTimer(
+          scheduler_, sendInterval, [this] { sendAnnounceDataIfNeeded(data); },
+          DefaultOrigins::MCAnnounce),
       errorCallback([](ErrorType::Type, const std::string&) {}),
       multicastGroup(SimpleIp(0u), 0),
       data([this] { setModified(); }, logger_) {}
 
 MCAnnounceMaster::MCAnnounceMaster(tavrinScheduler::Scheduler* scheduler_,
                                    tavrinLog::TavrinLogging* logger_)
-    : MCAnnounceMaster(
-          scheduler_,
-          [logger_]() -> std::unique_ptr<tavrinNetwork::MulticastSocketInterface> {
-            return std::make_unique<tavrinNetwork::MulticastSocket>(logger_);
-          },
-          kDefaultSendIntervalMs, logger_) {}
+    : MCAnnounceMaster(scheduler_, internal::defaultMulticastSocketFactory(logger_),
+                       kDefaultSendIntervalMs, logger_) {}
 
 MCAnnounceMaster::~MCAnnounceMaster() {
   setEnabled(false);
@@ -70,15 +68,16 @@ void MCAnnounceMaster::init(unsigned networkId, unsigned deviceId, const std::st
   ANNOUNCE_LOG(Debug,
                "Initialized MCAnnounce master on Device %u (0x%08X): '%s', NetworkId %u, IP: %s:%u "
                "(interface '%s'), MC group: %s",
-               deviceId, deviceId, deviceName.c_str(), networkId, SimpleIp::CharString(bindIp).c_str(),
-               static_cast<unsigned>(bindPort), interface.c_str(),
-               SimpleEndpoint::CharString(multicastGroup).c_str());
+               deviceId, deviceId, deviceName.c_str(), networkId,
+               SimpleIp::CharString(bindIp).c_str(), static_cast<unsigned>(bindPort),
+               interface.c_str(), SimpleEndpoint::CharString(multicastGroup).c_str());
 }
 
 void MCAnnounceMaster::setEnabled(bool enable) { internalSetEnabled(data, enable, true); }
 
 void MCAnnounceMaster::setErrorCallback(ErrorCallback callback) {
-  errorCallback = callback ? std::move(callback) : ErrorCallback([](ErrorType::Type, const std::string&) {});
+  errorCallback =
+      callback ? std::move(callback) : ErrorCallback([](ErrorType::Type, const std::string&) {});
 }
 
 void MCAnnounceMaster::setDscp(int dscp_) {
@@ -145,8 +144,7 @@ void MCAnnounceMaster::setAnnouncementName(unsigned connectorId, unsigned id, un
   data.setAnnouncementName(connectorId, id, type, name);
 }
 
-void MCAnnounceMaster::removeAnnouncement(unsigned connectorId, unsigned id,
-                                          unsigned short type) {
+void MCAnnounceMaster::removeAnnouncement(unsigned connectorId, unsigned id, unsigned short type) {
   data.removeAnnouncement(connectorId, id, type);
 }
 
@@ -215,9 +213,8 @@ bool MCAnnounceMaster::sendAnnounceData(const MCAnnounceData& d) {
     return false;
   }
   if (static_cast<unsigned>(sent) != size) {
-    ANNOUNCE_LOG(Error,
-                 "Announce socket error: Failed to send all data (sent: %d, msg size: %d)!", sent,
-                 static_cast<int>(size));
+    ANNOUNCE_LOG(Error, "Announce socket error: Failed to send all data (sent: %d, msg size: %d)!",
+                 sent, static_cast<int>(size));
   }
   return true;
 }

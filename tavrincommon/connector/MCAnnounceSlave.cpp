@@ -3,6 +3,7 @@
 #include "tavrincommon/common/WrapTS.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/TavrinConnectorMessageType.h"
+#include "tavrincommon/connector/internal/DefaultMulticastSocket.h"
 #include "tavrincommon/connector/internal/PayloadReader.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/TavrinLogging.h"
@@ -34,8 +35,7 @@ const char* yesNo(bool value) { return value ? "yes" : "no"; }
 
 }  // namespace
 
-MCAnnounceSlave::MasterEntry::MasterEntry(tavrinScheduler::Scheduler* scheduler,
-                                          int masterTimeout,
+MCAnnounceSlave::MasterEntry::MasterEntry(tavrinScheduler::Scheduler* scheduler, int masterTimeout,
                                           std::function<void()> timeoutCallback,
                                           tavrinLog::TavrinLogging* logger)
     : timer(scheduler, masterTimeout, std::move(timeoutCallback), DefaultOrigins::MCAnnounce),
@@ -54,12 +54,8 @@ MCAnnounceSlave::MCAnnounceSlave(tavrinScheduler::Scheduler* scheduler_,
 
 MCAnnounceSlave::MCAnnounceSlave(tavrinScheduler::Scheduler* scheduler_,
                                  tavrinLog::TavrinLogging* logger_)
-    : MCAnnounceSlave(
-          scheduler_,
-          [logger_]() -> std::unique_ptr<tavrinNetwork::MulticastSocketInterface> {
-            return std::make_unique<tavrinNetwork::MulticastSocket>(logger_);
-          },
-          kDefaultMasterTimeoutMs, logger_) {}
+    : MCAnnounceSlave(scheduler_, internal::defaultMulticastSocketFactory(logger_),
+                      kDefaultMasterTimeoutMs, logger_) {}
 
 MCAnnounceSlave::~MCAnnounceSlave() {
   setEnabled(false);
@@ -67,8 +63,10 @@ MCAnnounceSlave::~MCAnnounceSlave() {
 }
 
 void MCAnnounceSlave::setCallbacks(AddedCallback added, ErrorCallback error) {
-  announcementAdded = added ? std::move(added) : AddedCallback([](const SingleAnnouncementData&) {});
-  errorCallback = error ? std::move(error) : ErrorCallback([](ErrorType::Type, const std::string&) {});
+  announcementAdded =
+      added ? std::move(added) : AddedCallback([](const SingleAnnouncementData&) {});
+  errorCallback =
+      error ? std::move(error) : ErrorCallback([](ErrorType::Type, const std::string&) {});
 }
 
 void MCAnnounceSlave::init(unsigned networkId_, SimpleIp multicastIp_,
@@ -79,7 +77,8 @@ void MCAnnounceSlave::init(unsigned networkId_, SimpleIp multicastIp_,
   interface = interface_;
   multicastIp = multicastIp_;
   multicastPort = multicastPort_;
-  ANNOUNCE_LOG(Debug, "Initialized MCAnnounce client: NetworkId %u, interface '%s', MC group: %s:%u",
+  ANNOUNCE_LOG(Debug,
+               "Initialized MCAnnounce client: NetworkId %u, interface '%s', MC group: %s:%u",
                networkId, interface.c_str(), SimpleIp::CharString(multicastIp).c_str(),
                static_cast<unsigned>(multicastPort));
 }
@@ -181,12 +180,14 @@ tavrinScheduler::IOWatchItem::Result MCAnnounceSlave::socketCallback(int events)
   return kKeepReading;
 }
 
-bool MCAnnounceSlave::receivePacket(SimpleEndpoint& sender, std::unique_ptr<InputMessage>& message) {
+bool MCAnnounceSlave::receivePacket(SimpleEndpoint& sender,
+                                    std::unique_ptr<InputMessage>& message) {
   if (!socket || !socket->valid()) {
     ANNOUNCE_LOG(Error, "Failed to receive data: Socket not initialized!");
     return false;
   }
-  const int length = socket->receiveFrom(sender, receiveBuffer, static_cast<int>(kReceiveBufferSize));
+  const int length =
+      socket->receiveFrom(sender, receiveBuffer, static_cast<int>(kReceiveBufferSize));
   if (length < 0) {
     const int error = errno;
     ANNOUNCE_LOG(Error, "Failed to receive data: %d (%s)!", error, std::strerror(error));
@@ -299,7 +300,8 @@ void MCAnnounceSlave::removeTimeoutedMasters() {
     auto found = masters.find(endpoint);
     // A message handled since the timer fired has restarted it, which clears the fired flag.
     if (found == masters.end() || !found->second->timer.hasFired()) continue;
-    ANNOUNCE_LOG(Debug, "Removing master %s (timeout)", SimpleEndpoint::CharString(endpoint).c_str());
+    ANNOUNCE_LOG(Debug, "Removing master %s (timeout)",
+                 SimpleEndpoint::CharString(endpoint).c_str());
     masters.erase(found);
   }
   timedOutMasters.clear();
@@ -341,8 +343,9 @@ std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(unsigned c
 
 std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(unsigned clusterId,
                                                                       unsigned id) const {
-  return getAnnouncements([id](unsigned announcementId, unsigned short) { return announcementId == id; },
-                          [clusterId](unsigned cluster) { return cluster == clusterId; });
+  return getAnnouncements(
+      [id](unsigned announcementId, unsigned short) { return announcementId == id; },
+      [clusterId](unsigned cluster) { return cluster == clusterId; });
 }
 
 std::vector<SingleAnnouncementData> MCAnnounceSlave::getTypeAnnouncements(
@@ -355,7 +358,9 @@ std::vector<SingleAnnouncementData> MCAnnounceSlave::getTypeAnnouncements(
 std::vector<SingleAnnouncementData> MCAnnounceSlave::getTypeAnnouncements(
     unsigned clusterId, const std::function<bool(unsigned short)>& typeFilter) const {
   return getAnnouncements(
-      [&typeFilter](unsigned, unsigned short announcementType) { return typeFilter(announcementType); },
+      [&typeFilter](unsigned, unsigned short announcementType) {
+        return typeFilter(announcementType);
+      },
       [clusterId](unsigned cluster) { return cluster == clusterId; });
 }
 

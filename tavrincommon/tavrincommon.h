@@ -5,6 +5,7 @@
 // tavrinLog
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/GlobalLogging.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/SeverityLevel.h"
 #include "tavrincommon/log/TavrinLogging.h"
 

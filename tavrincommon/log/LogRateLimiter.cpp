@@ -1,0 +1,72 @@
+#include "tavrincommon/log/LogRateLimiter.h"
+
+#include "tavrincommon/common/Clock.h"
+
+#include <utility>
+
+namespace tavrinLog {
+
+namespace {
+
+uint32_t monotonicMs() {
+  const timespec now = tavrinCommon::system::Clock::getTime(tavrinCommon::system::Clock::Monotonic);
+  return static_cast<uint32_t>(static_cast<uint64_t>(now.tv_sec) * 1000u +
+                               static_cast<uint64_t>(now.tv_nsec) / 1000000u);
+}
+
+}  // namespace
+
+LogRateLimiter::LogRateLimiter(unsigned burst_, unsigned windowMs_, MillisecondClock clock_)
+    : burst(burst_ == 0 ? 1 : burst_),
+      windowMs(windowMs_),
+      clock(clock_ ? std::move(clock_) : MillisecondClock(monotonicMs)) {}
+
+void LogRateLimiter::report(const TavrinLogging* logging, Kind& kind) {
+  if (kind.suppressed == 0) return;
+  if (logging && logging->isEnabled(kind.origin, kind.severity))
+    logging->log<true>(kind.origin, kind.severity, "Suppressed %u similar lines in %u s: \"%s\"",
+                       kind.suppressed, (windowMs + 999) / 1000, kind.format);
+  kind.suppressed = 0;
+}
+
+bool LogRateLimiter::admit(const TavrinLogging* logging, int origin, SeverityLevel::Type severity,
+                           const char* format) {
+  const uint32_t now = clock();
+  Kind* found = nullptr;
+  for (Kind& kind : kinds) {
+    if (kind.format == format && kind.origin == origin) {
+      found = &kind;
+      break;
+    }
+  }
+  if (!found) {
+    if (kinds.size() >= kMaxKinds) {
+      size_t oldest = 0;
+      for (size_t i = 1; i < kinds.size(); ++i)
+        if (static_cast<int32_t>(kinds[i].windowStart - kinds[oldest].windowStart) < 0) oldest = i;
+      report(logging, kinds[oldest]);
+      kinds.erase(kinds.begin() + static_cast<std::ptrdiff_t>(oldest));
+    }
+    kinds.push_back(Kind{origin, severity, format, now, 0, 0});
+    found = &kinds.back();
+  } else if (windowOver(*found, now)) {
+    report(logging, *found);
+    found->windowStart = now;
+    found->passed = 0;
+  }
+  if (found->passed < burst) {
+    ++found->passed;
+    return true;
+  }
+  ++found->suppressed;
+  ++suppressedTotal;
+  return false;
+}
+
+void LogRateLimiter::flush(const TavrinLogging* logging) {
+  const uint32_t now = clock();
+  for (Kind& kind : kinds)
+    if (kind.suppressed > 0 && windowOver(kind, now)) report(logging, kind);
+}
+
+}  // namespace tavrinLog

@@ -59,14 +59,24 @@ class LogRateLimiter {
   uint64_t suppressedTotal = 0;
 };
 
+// For the macro below: a component may hold its limiter by value or be given one (null: no limit).
+inline bool admitLimited(LogRateLimiter& limiter, const TavrinLogging* logging, int origin,
+                         SeverityLevel::Type severity, const char* format) {
+  return limiter.admit(logging, origin, severity, format);
+}
+inline bool admitLimited(LogRateLimiter* limiter, const TavrinLogging* logging, int origin,
+                         SeverityLevel::Type severity, const char* format) {
+  return !limiter || limiter->admit(logging, origin, severity, format);
+}
+
 }  // namespace tavrinLog
 
-// As TAVRIN_LOG, with the line held back by `limiter` (a LogRateLimiter) when its kind has used up
-// the window's burst.
+// As TAVRIN_LOG, with the line held back by `limiter` (a LogRateLimiter or a pointer to one, which
+// may be null) when its kind has used up the window's burst.
 #define TAVRIN_LOG_LIMITED(limiter, logging, origin, severity, format, ...)                  \
   do {                                                                                     \
     const ::tavrinLog::TavrinLogging* tavrinLogObject_ = (logging);                        \
     if (tavrinLogObject_ && tavrinLogObject_->isEnabled((origin), (severity)) &&           \
-        (limiter).admit(tavrinLogObject_, (origin), (severity), (format)))                 \
+        ::tavrinLog::admitLimited((limiter), tavrinLogObject_, (origin), (severity), (format))) \
       tavrinLogObject_->log<true>((origin), (severity), (format), __VA_ARGS__);            \
   } while (false)

@@ -3,6 +3,7 @@
 #include "tavrincommon/connector/ConnectionHandlerType.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/connector/TCPTransceiver.h"
 
 #include <ios>
 #include <ostream>
@@ -11,7 +12,10 @@
 
 namespace tavrinConnector {
 
-ConnectionHandlerBase::ConnectionHandlerBase() { clearSendAndDisconnectFunctions(); }
+ConnectionHandlerBase::ConnectionHandlerBase()
+    : maxFrameLength(TCPTransceiver::kDefaultMaxFrameLength) {
+  clearSendAndDisconnectFunctions();
+}
 
 ConnectionHandlerBase::~ConnectionHandlerBase() = default;
 
@@ -86,6 +90,10 @@ void ConnectionHandlerBase::clearConnectionData() {
   mptcp = false;
   remoteEndpoint.clear();
   clearSendAndDisconnectFunctions();
+}
+
+void ConnectionHandlerBase::setMaxFrameLength(uint32_t maxFrameLength_) {
+  maxFrameLength = maxFrameLength_ == 0 ? TCPTransceiver::kDefaultMaxFrameLength : maxFrameLength_;
 }
 
 void ConnectionHandlerBase::dump(std::ostream& os, unsigned int connectionId_,

@@ -7,6 +7,7 @@
 #include "tavrincommon/connector/CustomConnectData.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <memory>
@@ -54,6 +55,10 @@ class ConnectionHandlerBase {
   void clearSendAndDisconnectFunctions();
   // Keeps the custom connect data.
   void clearConnectionData();
+  // The frame bound of the connector that serves this handler, which the connector keeps up to
+  // date; 0 gives the transport's default. Neither init nor the end of a connection resets it.
+  void setMaxFrameLength(uint32_t maxFrameLength_);
+  uint32_t getMaxFrameLength() const { return maxFrameLength; }
 
   bool isConnected() const { return connectionId != kNoConnectionId; }
   bool isServerSide() const { return serverSide; }
@@ -93,6 +98,9 @@ class ConnectionHandlerBase {
   tavrinNetwork::SimpleEndpoint remoteEndpoint;
   bool mptcp = false;
   std::unique_ptr<CustomConnectData> customConnectData;
+
+ private:
+  uint32_t maxFrameLength;
 };
 
 }  // namespace tavrinConnector

@@ -3,7 +3,6 @@
 #include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
-#include "tavrincommon/connector/TCPTransceiver.h"
 #include "tavrincommon/connector/internal/HandlerPayload.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/TavrinLogging.h"
@@ -31,9 +30,7 @@ using internal::payloadLeft;
 SimpleConnectorHandler::SimpleConnectorHandler(unsigned short version_, AcceptCallback accept,
                                                StateCallback state, DataCallback data,
                                                tavrinLog::TavrinLogging* logger_)
-    : version(static_cast<unsigned short>(version_ & kVersionMask)),
-      logger(logger_),
-      maxFrameLength(TCPTransceiver::kDefaultMaxFrameLength) {
+    : version(static_cast<unsigned short>(version_ & kVersionMask)), logger(logger_) {
   setCallbacks(std::move(accept), std::move(state), std::move(data));
 }
 
@@ -51,37 +48,40 @@ void SimpleConnectorHandler::setCallbacks(AcceptCallback accept, StateCallback s
                                         std::unique_ptr<std::vector<unsigned char>>&&) {});
 }
 
-void SimpleConnectorHandler::setMaxFrameLength(uint32_t maxFrameLength_) {
-  maxFrameLength = maxFrameLength_ == 0 ? TCPTransceiver::kDefaultMaxFrameLength : maxFrameLength_;
-}
-
 uint32_t SimpleConnectorHandler::getMaxBlockLength() const {
-  return maxFrameLength > kBlockOverhead ? maxFrameLength - kBlockOverhead : 0;
+  const uint32_t frameBound = getMaxFrameLength();
+  return frameBound > kBlockOverhead ? frameBound - kBlockOverhead : 0;
 }
 
-void SimpleConnectorHandler::sendData(const char* data, unsigned int length) {
-  if (length == 0) return;
+bool SimpleConnectorHandler::sendable(size_t length) {
+  if (length == 0 || !isConnected()) return false;
+  if (length <= getMaxBlockLength()) return true;
+  TAVRIN_LOG_LIMITED(logLimiter, logger, kOrigin, tavrinLog::SeverityLevel::Error,
+                     "%sNot sending a block of %zu bytes: a frame carries at most %u",
+                     getLogPrefix(connectionId).c_str(), length, getMaxBlockLength());
+  return false;
+}
+
+bool SimpleConnectorHandler::sendData(const char* data, unsigned int length) {
+  if (!sendable(length)) return false;
   auto message = std::make_unique<OutputMessage>(length + kLengthFieldSize);
   message->putUInt32(length);
   message->getBuffer().write(data, length);
   sendFunction(std::move(message));
+  return true;
 }
 
-void SimpleConnectorHandler::sendData(const std::vector<std::string>& parts) {
-  auto message = std::make_unique<OutputMessage>(static_cast<unsigned>(parts.size()) * 1024);
-  MessageBuffer& buffer = message->getBuffer();
-  const unsigned lengthOffset = buffer.getOffset();
-  message->putUInt32(0);
-  unsigned total = 0;
+bool SimpleConnectorHandler::sendData(const std::vector<std::string>& parts) {
+  size_t total = 0;
+  for (const std::string& part : parts) total += part.size();
+  if (!sendable(total)) return false;
+  auto message = std::make_unique<OutputMessage>(static_cast<unsigned>(total) + kLengthFieldSize);
+  message->putUInt32(static_cast<uint32_t>(total));
   for (const std::string& part : parts) {
-    buffer.write(part.data(), static_cast<unsigned>(part.size()));
-    total += static_cast<unsigned>(part.size());
+    message->getBuffer().write(part.data(), static_cast<unsigned>(part.size()));
   }
-  if (total == 0) return;
-  const unsigned end = buffer.getAndThenSetOffset(lengthOffset);
-  message->putUInt32(total);
-  buffer.setOffset(end);
   sendFunction(std::move(message));
+  return true;
 }
 
 void SimpleConnectorHandler::disconnect() {
@@ -104,21 +104,22 @@ void SimpleConnectorHandler::receive(std::unique_ptr<InputMessage>&& message) {
   // A conforming peer never sends a payload without its length field; reading one from the bytes
   // that are there would take the frame's end delimiter for data.
   if (available < kLengthFieldSize) {
-    TAVRIN_LOG(logger, kOrigin, kDebug,
-               "%sDropping data message: %u payload bytes, too short for the block length",
-               getLogPrefix(connectionId).c_str(), available);
+    TAVRIN_LOG_LIMITED(logLimiter, logger, kOrigin, kDebug,
+                       "%sDropping data message: %u payload bytes, too short for the block length",
+                       getLogPrefix(connectionId).c_str(), available);
     return;
   }
   const uint32_t declared = InputMessage::getUInt32(message->buffer);
   available -= kLengthFieldSize;
-  // A block longer than the payload is filled up with zeros, but only up to what one frame of the
-  // transport can carry: any longer length is malformed, and believing it would let a peer make
-  // this handler allocate without bound.
-  if (declared > getMaxBlockLength()) {
-    TAVRIN_LOG(logger, kOrigin, kDebug,
-               "%sDropping data message: declared block length %u exceeds the largest block %u "
-               "(%u bytes present)",
-               getLogPrefix(connectionId).c_str(), declared, getMaxBlockLength(), available);
+  // A block longer than the payload is filled up with zeros, but only a little beyond the bytes
+  // present and never beyond what one frame of the transport can carry: any longer length is
+  // malformed, and believing it would let a few bytes make this handler allocate a megabyte.
+  if (declared > getMaxBlockLength() || declared - std::min(declared, available) > kZeroFillSlack) {
+    TAVRIN_LOG_LIMITED(logLimiter, logger, kOrigin, kDebug,
+                       "%sDropping data message: declared block length %u with %u bytes present "
+                       "(largest block %u, zero fill up to %u)",
+                       getLogPrefix(connectionId).c_str(), declared, available,
+                       getMaxBlockLength(), kZeroFillSlack);
     return;
   }
   auto block = std::make_unique<std::vector<unsigned char>>(declared, 0);

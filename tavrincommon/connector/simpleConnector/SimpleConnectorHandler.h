@@ -5,6 +5,7 @@
 #pragma once
 
 #include "tavrincommon/connector/ConnectionHandlerBase.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/network/SimpleIp.h"
 
 #include <cstdint>
@@ -37,6 +38,11 @@ class SimpleConnectorHandler : public ConnectionHandlerBase {
   static constexpr unsigned short kType = 5;
   // Length field, frame header and end delimiter around a block.
   static constexpr uint32_t kBlockOverhead = 4 + 10 + 1;
+  // How far a block may be declared longer than the bytes its frame carries; the rest is
+  // filled with zeros. Senders that leave out the trailing zeros of a record do so for records
+  // of a page or less, and the slack caps what a frame of a few bytes can make this side
+  // allocate.
+  static constexpr uint32_t kZeroFillSlack = 4096;
 
   // Only the low 12 bits of `version` are kept. Empty callbacks get the defaults: accept every
   // connection, ignore the end, drop the data.
@@ -46,18 +52,19 @@ class SimpleConnectorHandler : public ConnectionHandlerBase {
 
   void setCallbacks(AcceptCallback accept, StateCallback state, DataCallback data);
 
-  // Blocks of length 0 are not sent; while not connected nothing is sent.
-  void sendData(const char* data, unsigned int length);
+  // True when the block was handed to the connector. Nothing is sent (false) for a block of
+  // length 0, one longer than getMaxBlockLength() (the peer would end the whole TCP connection
+  // over it) or while not connected.
+  bool sendData(const char* data, unsigned int length);
   // Sends the concatenation of `parts` as one block.
-  void sendData(const std::vector<std::string>& parts);
+  bool sendData(const std::vector<std::string>& parts);
   // Ends the connection with reason 1.
   void disconnect();
 
   std::string getLogPrefix(unsigned int connectionId_) const;
 
-  // The frame bound of the connector this handler serves (0: the transport's default). A block
-  // declared longer than such a frame can carry is malformed and dropped.
-  void setMaxFrameLength(uint32_t maxFrameLength_);
+  // What one frame of the connector's bound (getMaxFrameLength()) carries. A block declared
+  // longer is malformed and dropped; a longer one is never sent.
   uint32_t getMaxBlockLength() const;
 
   void receive(std::unique_ptr<InputMessage>&& message) override;
@@ -70,12 +77,16 @@ class SimpleConnectorHandler : public ConnectionHandlerBase {
   void specificDisconnected(unsigned int connectionId_, int reason, bool last) override;
 
  private:
+  // Whether a block of `length` bytes may go out; one too long for a frame is logged.
+  bool sendable(size_t length);
+
   unsigned short version;
   tavrinLog::TavrinLogging* logger;
   AcceptCallback acceptCallback;
   StateCallback stateCallback;
   DataCallback dataCallback;
-  uint32_t maxFrameLength;
+  // Drops are caused by the peer and a send refused by the application: either may repeat.
+  tavrinLog::LogRateLimiter logLimiter;
 };
 
 }  // namespace simpleConnector

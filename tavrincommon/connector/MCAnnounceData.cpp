@@ -4,6 +4,7 @@
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/connector/internal/PayloadReader.h"
 #include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
 
 #include <cstring>
@@ -19,6 +20,10 @@ using tavrinNetwork::SimpleIp;
 
 #define ANNOUNCE_LOG(severity, ...) \
   TAVRIN_LOG(logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, __VA_ARGS__)
+// For lines that a peer's payload causes, as often as it likes.
+#define ANNOUNCE_PEER_LOG(severity, ...)                                                      \
+  TAVRIN_LOG_LIMITED(logLimiter, logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, \
+                     __VA_ARGS__)
 
 namespace {
 
@@ -31,6 +36,18 @@ constexpr unsigned kAnnouncementRecordMinLength = 9;
 constexpr unsigned kConnectorRecordHeaderLength = 6;
 
 const char* availText(bool available) { return available ? "available" : "not available"; }
+
+// A tree node of the standard library: colour and three links, then the value.
+template <class Map>
+constexpr size_t treeNodeBytes() {
+  return 4 * sizeof(void*) + sizeof(typename Map::value_type);
+}
+
+// Texts up to the short-string capacity are kept inside the string object.
+size_t textCost(const std::string& text) {
+  static const size_t kInPlace = std::string().capacity();
+  return text.capacity() > kInPlace ? MCAnnounceData::allocationCost(text.capacity() + 1) : 0;
+}
 
 // Texts travel up to their first NUL byte.
 void putText(OutputMessage& message, const std::string& text) {
@@ -313,16 +330,17 @@ std::unique_ptr<MCAnnounceData::ConnectorEntry> MCAnnounceData::unpackConnectorE
   const uint32_t length = internal::readUInt32(message, end);
   const unsigned start = message.buffer.getOffset();
   if (length > internal::bytesLeft(message, end)) {
-    ANNOUNCE_LOG(Debug,
-                 "Received connector data (version %u) longer than the message (%u bytes, %u "
-                 "left), skipping the rest!",
-                 version, static_cast<unsigned>(length), internal::bytesLeft(message, end));
+    ANNOUNCE_PEER_LOG(Debug,
+                      "Received connector data (version %u) longer than the message (%u bytes, %u "
+                      "left), skipping the rest!",
+                      version, static_cast<unsigned>(length), internal::bytesLeft(message, end));
     message.buffer.setOffset(end);
     return nullptr;
   }
   const unsigned recordEnd = start + length;
   if (version != 0) {
-    ANNOUNCE_LOG(Debug, "Received incompatible connector data (version %u), skipping!", version);
+    ANNOUNCE_PEER_LOG(Debug, "Received incompatible connector data (version %u), skipping!",
+                      version);
     message.buffer.setOffset(recordEnd);
     return nullptr;
   }
@@ -344,10 +362,10 @@ std::unique_ptr<MCAnnounceData::ConnectorEntry> MCAnnounceData::unpackConnectorE
                         entry->unpackAnnouncements(message, recordEnd);
   message.buffer.setOffset(recordEnd);
   if (!complete) {
-    ANNOUNCE_LOG(Debug,
-                 "Received connector data (connector %u) that does not fit its length (%u bytes), "
-                 "skipping!",
-                 connectorId, static_cast<unsigned>(length));
+    ANNOUNCE_PEER_LOG(Debug,
+                      "Received connector data (connector %u) that does not fit its length (%u "
+                      "bytes), skipping!",
+                      connectorId, static_cast<unsigned>(length));
     return nullptr;
   }
   return entry;
@@ -365,57 +383,57 @@ void MCAnnounceData::compareAnnouncements(
   }
 }
 
-void MCAnnounceData::unpack(unsigned networkId_, InputMessage& message, AddedCallback added) {
+void MCAnnounceData::read(unsigned networkId_, InputMessage& message) {
   const unsigned end = internal::payloadEnd(message);
   networkId = networkId_;
   deviceId = internal::readUInt32(message, end);
   deviceName = internal::readString(message, end);
   const unsigned count = internal::readUInt16(message, end);
-  if (count == 0) {
-    connectors.clear();
-    return;
-  }
-  // The callbacks run once the data is complete, so that they may query or edit it (or the
-  // object that owns it) without disturbing the walk below.
-  std::vector<SingleAnnouncementData> becameAvailable;
-  auto it = connectors.begin();
-  bool haveRecord = false;
-  unsigned lastId = 0;
   for (unsigned i = 0; i < count && internal::bytesLeft(message, end) > 0; ++i) {
     unsigned id = 0;
     std::unique_ptr<ConnectorEntry> entry = unpackConnectorEntry(message, id);
     if (!entry) continue;
-    // The merge walks both sides in ascending id, as every sender writes them. A record out of
-    // that order (or a repeated id) can only come from a broken sender; it is skipped, so the
-    // first record of an id wins, as for repeated announcement keys.
-    if (haveRecord && id <= lastId) {
-      ANNOUNCE_LOG(Debug, "Received connector %u out of order (after connector %u), skipping!",
-                   id, lastId);
+    // Every sender writes its connectors in ascending id. A record out of that order (or a
+    // repeated id) can only come from a broken sender; it is skipped, so the first record of an
+    // id wins, as for repeated announcement keys.
+    if (!connectors.empty() && id <= connectors.rbegin()->first) {
+      ANNOUNCE_PEER_LOG(Debug, "Received connector %u out of order (after connector %u), skipping!",
+                        id, connectors.rbegin()->first);
       continue;
     }
-    haveRecord = true;
-    lastId = id;
-    while (it != connectors.end() && it->first < id) it = connectors.erase(it);
-    if (it != connectors.end() && it->first == id) {
-      std::unique_ptr<ConnectorEntry> previous = std::move(it->second);
-      it->second = std::move(entry);
-      const ConnectorEntry& current = *it->second;
-      compareAnnouncements(previous->announcements, current.announcements,
-                           [&](unsigned announcementId, unsigned short type,
-                               const std::string& name) {
-                             becameAvailable.push_back(current.makeSingle(
-                                 AnnouncementKey{announcementId, type}, name));
-                           });
-    } else {
-      it = connectors.emplace_hint(it, id, std::move(entry));
-      for (const auto& [key, value] : it->second->announcements) {
-        if (value.available) becameAvailable.push_back(it->second->makeSingle(key, value.name));
-      }
-    }
-    ++it;
+    connectors.emplace_hint(connectors.end(), id, std::move(entry));
   }
-  connectors.erase(it, connectors.end());
-  if (!added) return;
+}
+
+void MCAnnounceData::unpack(unsigned networkId_, InputMessage& message, AddedCallback added) {
+  MCAnnounceData fresh(nullptr, logger);
+  fresh.logLimiter = logLimiter;
+  fresh.read(networkId_, message);
+  takeOver(fresh, added);
+}
+
+void MCAnnounceData::takeOver(MCAnnounceData& other, const AddedCallback& added) {
+  // The callbacks run once the data is complete, so that they may query or edit it (or the
+  // object that owns it, even destroy it) without disturbing the walk below.
+  std::vector<SingleAnnouncementData> becameAvailable;
+  static const AnnouncementMap kNone;
+  for (auto it = other.connectors.begin(); added && it != other.connectors.end(); ++it) {
+    auto previous = connectors.find(it->first);
+    const ConnectorEntry& current = *it->second;
+    compareAnnouncements(
+        previous == connectors.end() ? kNone : previous->second->announcements,
+        current.announcements,
+        [&](unsigned announcementId, unsigned short type, const std::string& name) {
+          becameAvailable.push_back(
+              current.makeSingle(AnnouncementKey{announcementId, type}, name));
+        });
+  }
+  networkId = other.networkId;
+  deviceId = other.deviceId;
+  deviceName.swap(other.deviceName);
+  connectors.swap(other.connectors);
+  other.deviceName.clear();
+  other.connectors.clear();
   for (const SingleAnnouncementData& announcement : becameAvailable) added(announcement);
 }
 
@@ -471,6 +489,23 @@ std::unique_ptr<SingleAnnouncementData> MCAnnounceData::getSingleAnnouncement(
                  return false;
                });
   return first;
+}
+
+size_t MCAnnounceData::allocationCost(size_t bytes) {
+  constexpr size_t kWord = sizeof(size_t);
+  const size_t chunk = (bytes + kWord + 2 * kWord - 1) & ~(2 * kWord - 1);
+  return chunk < 4 * kWord ? 4 * kWord : chunk;
+}
+
+size_t MCAnnounceData::heapBytes() const {
+  size_t total = textCost(deviceName);
+  for (const auto& [connectorId, entry] : connectors) {
+    total += allocationCost(treeNodeBytes<ConnectorMap>()) +
+             allocationCost(sizeof(ConnectorEntry)) +
+             entry->announcements.size() * allocationCost(treeNodeBytes<AnnouncementMap>());
+    for (const auto& [key, value] : entry->announcements) total += textCost(value.name);
+  }
+  return total;
 }
 
 void MCAnnounceData::dump(std::ostream& out, const char* prefix) const {

@@ -1,13 +1,15 @@
 // The announce picture of one device: network id, device id and name, and its connectors, each
 // with its announcements; packed into and unpacked from the announce payload. Owns its connector
 // entries; keeps the logging object and a modified callback that the editing operations call.
-// Loop thread only (or with the loop mutex held): nothing is locked.
+// Loop thread only (or with the loop mutex held): nothing is locked. heapBytes() tells what the
+// data holds on the heap, for owners that bound what their peers can make them keep.
 #pragma once
 
 #include "tavrincommon/connector/ConnectorInterfaceType.h"
 #include "tavrincommon/connector/SingleAnnouncementData.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
@@ -17,6 +19,7 @@
 #include <vector>
 
 namespace tavrinLog {
+class LogRateLimiter;
 class TavrinLogging;
 }
 
@@ -110,6 +113,9 @@ class MCAnnounceData {
   // has read; `added` (may be empty) is told of every announcement that became available, once
   // the data is complete. Never signals modification.
   void unpack(unsigned networkId_, InputMessage& message, AddedCallback added);
+  // Replaces the data by `other`'s, which is left empty; `added` as for unpack. Lets an owner
+  // unpack aside, weigh the result with heapBytes() and only then take it over.
+  void takeOver(MCAnnounceData& other, const AddedCallback& added);
   // One connector record; null for a record that is skipped. Never reads past the payload.
   std::unique_ptr<ConnectorEntry> unpackConnectorEntry(InputMessage& message,
                                                        unsigned& connectorId) const;
@@ -130,12 +136,25 @@ class MCAnnounceData {
   // Each line starts with `prefix`.
   void dump(std::ostream& out, const char* prefix) const;
 
+  // The heap the data holds: map nodes, connector entries and texts too long to be kept inside
+  // their string, each at allocationCost. A walk over every announcement.
+  size_t heapBytes() const;
+  // What glibc's malloc takes for a request of `bytes`: the request and a size word, rounded up
+  // to two words, at least four words.
+  static size_t allocationCost(size_t bytes);
+
+  // Lines about malformed records of a peer's payload go through `limiter` (kept, not owned;
+  // null: every line is logged).
+  void setLogRateLimiter(tavrinLog::LogRateLimiter* limiter) { logLimiter = limiter; }
+
   unsigned getNetworkId() const { return networkId; }
   unsigned getDeviceId() const { return deviceId; }
   const std::string& getDeviceName() const { return deviceName; }
   const ConnectorMap& getConnectors() const { return connectors; }
 
  private:
+  // Reads a payload into this data, which is empty.
+  void read(unsigned networkId_, InputMessage& message);
   // Calls `visit` for every announcement the query takes, until it returns false.
   void forEachMatch(bool onlyAvailable, const AnnouncementFilter& announcementFilter,
                     const ConnectorFilter& connectorFilter,
@@ -143,6 +162,7 @@ class MCAnnounceData {
                                              const AnnouncementValue&)>& visit) const;
 
   tavrinLog::TavrinLogging* logger;
+  tavrinLog::LogRateLimiter* logLimiter = nullptr;
   std::function<void()> modified;
   uint32_t networkId = 0;
   uint32_t deviceId = 0;

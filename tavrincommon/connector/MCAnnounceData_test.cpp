@@ -6,10 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <malloc.h>
 
 namespace tavrinConnector {
 namespace {
@@ -67,6 +70,13 @@ std::string packed(const MCAnnounceData& data) {
 }
 
 const SimpleEndpoint kEndpoint(SimpleIp("10.0.0.1"), 5000);
+
+// What glibc's malloc has handed out; a sanitizer's allocator leaves it unchanged.
+size_t heapInUse() {
+  malloc_trim(0);
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
 
 class MCAnnounceDataTest : public ::testing::Test {
  protected:
@@ -300,6 +310,28 @@ TEST_F(MCAnnounceDataTest, RecordsOutOfOrderOrRepeatedAreSkippedAndTheFirstOneWi
   EXPECT_TRUE(data.hasAnnouncement(5, 1, 1));
   EXPECT_FALSE(data.hasAnnouncement(5, 3, 1));
   EXPECT_EQ(log.count("out of order"), 2u);
+}
+
+TEST_F(MCAnnounceDataTest, HeapEstimateOfTheLargestPayloadIsCloseToWhatMallocHandsOut) {
+  // Near the largest datagram, with the names that cost most: empty ones, and every fourth too
+  // long to be kept inside its string.
+  std::vector<std::string> records;
+  for (unsigned connector = 1; connector <= 3; ++connector) {
+    std::vector<std::string> announcements;
+    for (unsigned id = 0; id < 1000; ++id) {
+      announcements.push_back(
+          announcementRecord(id, 1, id % 4 == 0 ? std::string(40, 'n') : "", true));
+    }
+    records.push_back(connectorRecord(connector, announcements));
+  }
+  InputMessage message = framed(payload(records));
+  ASSERT_GT(message.getLength(), 50000u);
+  const size_t before = heapInUse();
+  data.unpack(1, message, {});
+  const size_t grown = heapInUse() - before;
+  if (grown == 0) GTEST_SKIP() << "mallinfo2 does not see this build's allocator (sanitizer?)";
+  EXPECT_GE(data.heapBytes(), grown * 9 / 10);
+  EXPECT_LE(data.heapBytes(), grown * 11 / 10);
 }
 
 TEST_F(MCAnnounceDataTest, QueriesTakeUnavailableAnnouncementsOnlyWhenAskedAndAppend) {

@@ -10,6 +10,7 @@
 #include "tavrincommon/network/MulticastSocket.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ostream>
@@ -25,6 +26,10 @@ using tavrinNetwork::SimpleIp;
 
 #define ANNOUNCE_LOG(severity, ...) \
   TAVRIN_LOG(logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, __VA_ARGS__)
+// For lines that a datagram causes.
+#define ANNOUNCE_PEER_LOG(severity, ...)                                                      \
+  TAVRIN_LOG_LIMITED(logLimiter, logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, \
+                     __VA_ARGS__)
 
 namespace {
 
@@ -32,6 +37,24 @@ constexpr unsigned kOwnVersion = 0;
 constexpr tavrinScheduler::IOWatchItem::Result kKeepReading = EPOLLIN;
 
 const char* yesNo(bool value) { return value ? "yes" : "no"; }
+
+// A queued datagram: the message object, its storage (one spare byte, never under the smallest
+// frame) and the queue's slot.
+size_t queuedHeapBytes(unsigned length) {
+  return MCAnnounceData::allocationCost(sizeof(InputMessage)) +
+         MCAnnounceData::allocationCost(std::max(length, MessageBuffer::kMinSize) + 1) +
+         sizeof(std::unique_ptr<InputMessage>) + sizeof(SimpleEndpoint) + sizeof(size_t);
+}
+
+// A master besides its data: the entry, its node in the map, its timer's callback (which holds
+// the endpoint) and the timer's place in the scheduler's set.
+size_t masterEntryHeapBytes() {
+  constexpr size_t kTreeNodeLinks = 4 * sizeof(void*);
+  return MCAnnounceData::allocationCost(sizeof(MCAnnounceSlave::MasterEntry)) +
+         MCAnnounceData::allocationCost(kTreeNodeLinks + sizeof(SimpleEndpoint) + sizeof(void*)) +
+         MCAnnounceData::allocationCost(sizeof(void*) + sizeof(SimpleEndpoint)) +
+         MCAnnounceData::allocationCost(kTreeNodeLinks + sizeof(void*));
+}
 
 }  // namespace
 
@@ -92,6 +115,8 @@ void MCAnnounceSlave::setEnabled(bool enable) {
   masters.clear();
   receiveQueue.clear();
   timedOutMasters.clear();
+  masterDataBytes = 0;
+  queuedBytes = 0;
   if (enable) initMulticastSocket();
 }
 
@@ -144,6 +169,7 @@ bool MCAnnounceSlave::isConnectorSupported(unsigned short version,
 void MCAnnounceSlave::removeAnnouncements(unsigned id) {
   for (auto& [endpoint, master] : masters) {
     if (!master->data.removeAnnouncements(id)) continue;
+    setMasterHeapBytes(*master, masterEntryHeapBytes() + master->data.heapBytes());
     ANNOUNCE_LOG(Detailed,
                  "Remove master %s announcement %u with changeCount %u locally, reducing "
                  "changeCount to %u",
@@ -171,11 +197,13 @@ tavrinScheduler::IOWatchItem::Result MCAnnounceSlave::socketCallback(int events)
   }
   if (!message) return kKeepReading;
   if (message->verifyMessage()) {
-    receiveQueue.emplace_back(sender, std::move(message));
+    const size_t heapBytes = queuedHeapBytes(message->buffer.getDataLength());
+    queuedBytes += heapBytes;
+    receiveQueue.push_back(Queued{sender, std::move(message), heapBytes});
     scheduler->addWorker(this);
   } else {
-    ANNOUNCE_LOG(Debug, "Received invalid message from %s, ignoring!",
-                 SimpleEndpoint::CharString(sender).c_str());
+    ANNOUNCE_PEER_LOG(Debug, "Received invalid message from %s, ignoring!",
+                      SimpleEndpoint::CharString(sender).c_str());
   }
   return kKeepReading;
 }
@@ -198,8 +226,19 @@ bool MCAnnounceSlave::receivePacket(SimpleEndpoint& sender,
   // master sends more than the buffer holds, so a longer datagram is not ours: it is dropped
   // rather than cut, since a cut frame could only fail verification or be misread.
   if (static_cast<unsigned>(length) > kReceiveBufferSize) {
-    ANNOUNCE_LOG(Debug, "Received invalid message from %s (%d bytes, max %u), ignoring!",
-                 SimpleEndpoint::CharString(sender).c_str(), length, kReceiveBufferSize);
+    ANNOUNCE_PEER_LOG(Debug, "Received invalid message from %s (%d bytes, max %u), ignoring!",
+                      SimpleEndpoint::CharString(sender).c_str(), length, kReceiveBufferSize);
+    return true;
+  }
+  // Checked before the copy is made, so that a flood costs no allocation.
+  if (receiveQueue.size() >= maxQueuedDatagrams ||
+      queuedBytes + queuedHeapBytes(static_cast<unsigned>(length)) > maxQueuedBytes) {
+    ++dropCounts.queueFull;
+    ANNOUNCE_PEER_LOG(Warning,
+                      "Dropping message from %s (%d bytes): receive queue full (%zu messages, %zu "
+                      "bytes)",
+                      SimpleEndpoint::CharString(sender).c_str(), length, receiveQueue.size(),
+                      queuedBytes);
     return true;
   }
   message = std::make_unique<InputMessage>(receiveBuffer, static_cast<unsigned>(length), false);
@@ -210,11 +249,13 @@ tavrinScheduler::Worker::Result MCAnnounceSlave::work() {
   const tavrinCommon::MonotonicMs deadline = tavrinCommon::MonotonicMs() + kWorkerBudgetMs;
   while (!receiveQueue.empty()) {
     if (tavrinCommon::MonotonicMs() >= deadline) break;
-    auto entry = std::move(receiveQueue.front());
+    Queued entry = std::move(receiveQueue.front());
     receiveQueue.pop_front();
-    if (entry.second) handlePacket(entry.first, *entry.second);
+    queuedBytes -= entry.heapBytes;
+    handlePacket(entry.sender, *entry.message);
   }
   removeTimeoutedMasters();
+  logLimiter.flush(logger);
   if (receiveQueue.empty()) return Finished;
   ANNOUNCE_LOG(Debug,
                "Worker took more than %dms. Yielding execution and scheduling another run to "
@@ -227,67 +268,109 @@ void MCAnnounceSlave::handlePacket(const SimpleEndpoint& sender, InputMessage& m
   const SimpleEndpoint::CharString senderText(sender);
   const int frameLength = static_cast<int>(message.getLength());
   if (message.getType() != TavrinConnectorMessageType::announce) {
-    ANNOUNCE_LOG(Debug, "Received non-announce message (type %u, %d bytes) from %s, ignoring!",
-                 static_cast<unsigned>(message.getType()), frameLength, senderText.c_str());
+    ANNOUNCE_PEER_LOG(Debug, "Received non-announce message (type %u, %d bytes) from %s, ignoring!",
+                      static_cast<unsigned>(message.getType()), frameLength, senderText.c_str());
     return;
   }
   message.reset();
   const unsigned end = internal::payloadEnd(message);
   const unsigned version = internal::readUInt16(message, end);
   if (version != kOwnVersion) {
-    ANNOUNCE_LOG(Debug,
-                 "Received incompatible message (%d bytes) from %s (version %u, own: %u), "
-                 "ignoring!",
-                 frameLength, senderText.c_str(), version, kOwnVersion);
+    ANNOUNCE_PEER_LOG(Debug,
+                      "Received incompatible message (%d bytes) from %s (version %u, own: %u), "
+                      "ignoring!",
+                      frameLength, senderText.c_str(), version, kOwnVersion);
     return;
   }
   const uint32_t messageNetworkId = internal::readUInt32(message, end);
   if (messageNetworkId != networkId) {
-    ANNOUNCE_LOG(Debug,
-                 "Received message belonging to a different network from %s (networkId %u, own: "
-                 "%u), ignoring!",
-                 senderText.c_str(), messageNetworkId, networkId);
+    ANNOUNCE_PEER_LOG(Debug,
+                      "Received message belonging to a different network from %s (networkId %u, "
+                      "own: %u), ignoring!",
+                      senderText.c_str(), messageNetworkId, networkId);
     return;
   }
   const uint32_t changeCount = message.getAdditionalInfo();
   auto found = masters.find(sender);
   const bool isNew = found == masters.end();
-  if (isNew) {
-    auto master = std::make_unique<MasterEntry>(
-        scheduler, masterTimeout, [this, sender] { timeoutMaster(sender); }, logger);
-    master->changeCount = changeCount;
-    master->timer.start();
-    found = masters.emplace(sender, std::move(master)).first;
-  } else {
+  if (isNew && masters.size() >= maxMasters) {
+    ++dropCounts.tooManyMasters;
+    ANNOUNCE_PEER_LOG(Warning, "Dropping message from new master %s: %zu masters known (max %zu)",
+                      senderText.c_str(), masters.size(), maxMasters);
+    return;
+  }
+  if (!isNew) {
     found->second->timer.start();
     if (found->second->changeCount == changeCount) {
-      ANNOUNCE_LOG(Detailed,
-                   "Received message (%d bytes) with known changeCount (%u) from %s (version %u, "
-                   "own: %u), ignoring!",
-                   frameLength, changeCount, senderText.c_str(), kOwnVersion, kOwnVersion);
+      ANNOUNCE_PEER_LOG(Detailed,
+                        "Received message (%d bytes) with known changeCount (%u) from %s (version "
+                        "%u, own: %u), ignoring!",
+                        frameLength, changeCount, senderText.c_str(), kOwnVersion, kOwnVersion);
       return;
     }
-    ANNOUNCE_LOG(Detailed,
-                 "Received message (%d bytes) with unknown changeCount %u (own: %u) from %s "
-                 "(version %u, own: %u), taking over data",
-                 frameLength, changeCount, found->second->changeCount, senderText.c_str(),
-                 kOwnVersion, kOwnVersion);
-    found->second->changeCount = changeCount;
+    ANNOUNCE_PEER_LOG(Detailed,
+                      "Received message (%d bytes) with unknown changeCount %u (own: %u) from %s "
+                      "(version %u, own: %u), taking over data",
+                      frameLength, changeCount, found->second->changeCount, senderText.c_str(),
+                      kOwnVersion, kOwnVersion);
   }
-  found->second->data.unpack(networkId, message, getUnpackAnnouncementAddedCallback());
+  // Unpacked aside and weighed before it is kept. A known master's change that does not fit is
+  // dropped whole: the master keeps its previous, consistent data and its change count, so that
+  // a later message of that change is tried again once there is room.
+  MCAnnounceData fresh(nullptr, logger);
+  fresh.setLogRateLimiter(&logLimiter);
+  fresh.unpack(networkId, message, {});
+  if (!admitMasterData(sender, fresh)) return;
+  found = masters.find(sender);
+  found->second->changeCount = changeCount;
+  found->second->data.takeOver(fresh, getUnpackAnnouncementAddedCallback());
   // The added callback may have disabled the slave or otherwise dropped the master.
   found = masters.find(sender);
   if (found == masters.end()) return;
   const MCAnnounceData& data = found->second->data;
   if (isNew) {
-    ANNOUNCE_LOG(Debug, "Added new master: IP %s, NetworkId %u, DeviceId %u ('%s')",
-                 senderText.c_str(), data.getNetworkId(), data.getDeviceId(),
-                 data.getDeviceName().c_str());
+    ANNOUNCE_PEER_LOG(Debug, "Added new master: IP %s, NetworkId %u, DeviceId %u ('%s')",
+                      senderText.c_str(), data.getNetworkId(), data.getDeviceId(),
+                      data.getDeviceName().c_str());
   }
   if (!data.announcementsPresent()) {
-    ANNOUNCE_LOG(Debug, "Removing master %s (no announcements)", senderText.c_str());
-    masters.erase(found);
+    ANNOUNCE_PEER_LOG(Debug, "Removing master %s (no announcements)", senderText.c_str());
+    eraseMaster(found);
   }
+}
+
+bool MCAnnounceSlave::admitMasterData(const SimpleEndpoint& sender, const MCAnnounceData& data) {
+  auto found = masters.find(sender);
+  const bool isNew = found == masters.end();
+  const size_t heapBytes = masterEntryHeapBytes() + data.heapBytes();
+  const size_t held = isNew ? 0 : found->second->heapBytes;
+  if (masterDataBytes - held + heapBytes > maxMasterDataBytes) {
+    ++(isNew ? dropCounts.newMasterData : dropCounts.masterUpdateData);
+    ANNOUNCE_PEER_LOG(Warning,
+                      "Dropping message from %s master %s: its data (%zu bytes) would exceed the "
+                      "bound on master data (%zu of %zu bytes held)",
+                      isNew ? "new" : "known", SimpleEndpoint::CharString(sender).c_str(),
+                      heapBytes, masterDataBytes, maxMasterDataBytes);
+    return false;
+  }
+  if (isNew) {
+    auto master = std::make_unique<MasterEntry>(
+        scheduler, masterTimeout, [this, sender] { timeoutMaster(sender); }, logger);
+    master->timer.start();
+    found = masters.emplace(sender, std::move(master)).first;
+  }
+  setMasterHeapBytes(*found->second, heapBytes);
+  return true;
+}
+
+void MCAnnounceSlave::setMasterHeapBytes(MasterEntry& master, size_t heapBytes) {
+  masterDataBytes = masterDataBytes - master.heapBytes + heapBytes;
+  master.heapBytes = heapBytes;
+}
+
+void MCAnnounceSlave::eraseMaster(MasterMap::iterator master) {
+  masterDataBytes -= master->second->heapBytes;
+  masters.erase(master);
 }
 
 void MCAnnounceSlave::timeoutMaster(const SimpleEndpoint& endpoint) {
@@ -300,114 +383,11 @@ void MCAnnounceSlave::removeTimeoutedMasters() {
     auto found = masters.find(endpoint);
     // A message handled since the timer fired has restarted it, which clears the fired flag.
     if (found == masters.end() || !found->second->timer.hasFired()) continue;
-    ANNOUNCE_LOG(Debug, "Removing master %s (timeout)",
-                 SimpleEndpoint::CharString(endpoint).c_str());
-    masters.erase(found);
+    ANNOUNCE_PEER_LOG(Debug, "Removing master %s (timeout)",
+                      SimpleEndpoint::CharString(endpoint).c_str());
+    eraseMaster(found);
   }
   timedOutMasters.clear();
-}
-
-MCAnnounceData::ConnectorFilter MCAnnounceSlave::connectorFilter(
-    const ClusterFilter& clusterFilter) const {
-  return [this, &clusterFilter](ConnectorInterfaceType::Type type, unsigned short version,
-                                unsigned clusterId) {
-    return isConnectorSupported(version, type) && (!clusterFilter || clusterFilter(clusterId));
-  };
-}
-
-void MCAnnounceSlave::collect(const AnnouncementFilter& announcementFilter,
-                              const ClusterFilter& clusterFilter,
-                              std::vector<SingleAnnouncementData>& out) const {
-  const MCAnnounceData::ConnectorFilter filter = connectorFilter(clusterFilter);
-  for (const auto& [endpoint, master] : masters) {
-    master->data.getAnnouncements(true, announcementFilter, filter, out);
-  }
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(
-    const AnnouncementFilter& announcementFilter, const ClusterFilter& clusterFilter) const {
-  std::vector<SingleAnnouncementData> out;
-  collect(announcementFilter, clusterFilter, out);
-  return out;
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(unsigned clusterId,
-                                                                      unsigned id,
-                                                                      unsigned short type) const {
-  return getAnnouncements(
-      [id, type](unsigned announcementId, unsigned short announcementType) {
-        return announcementId == id && announcementType == type;
-      },
-      [clusterId](unsigned cluster) { return cluster == clusterId; });
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(unsigned clusterId,
-                                                                      unsigned id) const {
-  return getAnnouncements(
-      [id](unsigned announcementId, unsigned short) { return announcementId == id; },
-      [clusterId](unsigned cluster) { return cluster == clusterId; });
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getTypeAnnouncements(
-    unsigned clusterId, unsigned short type) const {
-  return getAnnouncements(
-      [type](unsigned, unsigned short announcementType) { return announcementType == type; },
-      [clusterId](unsigned cluster) { return cluster == clusterId; });
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getTypeAnnouncements(
-    unsigned clusterId, const std::function<bool(unsigned short)>& typeFilter) const {
-  return getAnnouncements(
-      [&typeFilter](unsigned, unsigned short announcementType) {
-        return typeFilter(announcementType);
-      },
-      [clusterId](unsigned cluster) { return cluster == clusterId; });
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnnouncements(unsigned clusterId) const {
-  return getAnnouncements([](unsigned, unsigned short) { return true; },
-                          [clusterId](unsigned cluster) { return cluster == clusterId; });
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnyClusterAnnouncements(
-    unsigned id, unsigned short type) const {
-  return getAnnouncements([id, type](unsigned announcementId, unsigned short announcementType) {
-    return announcementId == id && announcementType == type;
-  });
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnyClusterAnnouncements(unsigned id) const {
-  return getAnnouncements(
-      [id](unsigned announcementId, unsigned short) { return announcementId == id; });
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnyClusterTypeAnnouncements(
-    unsigned short type) const {
-  return getAnnouncements(
-      [type](unsigned, unsigned short announcementType) { return announcementType == type; });
-}
-
-std::vector<SingleAnnouncementData> MCAnnounceSlave::getAnyClusterAnnouncements() const {
-  return getAnnouncements([](unsigned, unsigned short) { return true; });
-}
-
-std::unique_ptr<SingleAnnouncementData> MCAnnounceSlave::getSingleAnnouncement(
-    const AnnouncementFilter& announcementFilter, const ClusterFilter& clusterFilter) const {
-  const MCAnnounceData::ConnectorFilter filter = connectorFilter(clusterFilter);
-  for (const auto& [endpoint, master] : masters) {
-    auto found = master->data.getSingleAnnouncement(true, announcementFilter, filter);
-    if (found) return found;
-  }
-  return nullptr;
-}
-
-std::unique_ptr<SingleAnnouncementData> MCAnnounceSlave::getSingleAnnouncement(
-    unsigned clusterId, unsigned id, unsigned short type) const {
-  return getSingleAnnouncement(
-      [id, type](unsigned announcementId, unsigned short announcementType) {
-        return announcementId == id && announcementType == type;
-      },
-      [clusterId](unsigned cluster) { return cluster == clusterId; });
 }
 
 void MCAnnounceSlave::dump(std::ostream& out, const char* prefix) const {
@@ -426,6 +406,14 @@ void MCAnnounceSlave::dump(std::ostream& out, const char* prefix) const {
   }
   out << prefix << "  Enabled: " << yesNo(enabled) << "\n";
   out << prefix << "  Receive Queue: " << receiveQueue.size() << " entries\n";
+  out << prefix << "  Queue bound: " << maxQueuedDatagrams << " entries, " << maxQueuedBytes
+      << " bytes (held: " << queuedBytes << ")\n";
+  out << prefix << "  Master bound: " << maxMasters << " masters, " << maxMasterDataBytes
+      << " bytes of data (held: " << masterDataBytes << ")\n";
+  out << prefix << "  Dropped: " << dropCounts.queueFull << " queue full, "
+      << dropCounts.tooManyMasters << " new masters over the master bound, "
+      << dropCounts.newMasterData << " new masters and " << dropCounts.masterUpdateData
+      << " changes over the data bound\n";
   out << prefix << "  Supported Connectors (" << supportedConnectors.size() << "):\n";
   for (const auto& [version, type] : supportedConnectors) {
     out << prefix << "    " << ConnectorInterfaceType::getText(static_cast<long>(type))

@@ -2,15 +2,19 @@
 // masters that fall silent or withdraw, tells the application of each announcement of a supported
 // connector that becomes available, and answers queries. Owns its socket, receive buffer, queue
 // and per-master data; keeps the scheduler and the logging object. Loop thread only; no locks.
+// Any host can send to the group, so what the queue and the masters hold is bounded: datagrams
+// past a bound are dropped, counted (dump) and logged through a rate limiter.
 #pragma once
 
 #include "tavrincommon/connector/ErrorType.h"
 #include "tavrincommon/connector/MCAnnounceData.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/network/MulticastSocketInterface.h"
 #include "tavrincommon/scheduler/IOWatchItem.h"
 #include "tavrincommon/scheduler/SimpleTimer.h"
 #include "tavrincommon/scheduler/Worker.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -42,6 +46,25 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   // The largest message a master sends.
   static constexpr unsigned kReceiveBufferSize = 61440;
   static constexpr int kWorkerBudgetMs = 300;
+  // An ordinary master's datagram of a few hundred bytes costs 1 to 4 KiB of heap once unpacked.
+  // 512 such masters take 1 to 2 MiB; the data bound leaves room for them and a few masters of
+  // the largest size (about 10 times 61 KiB each), and is 3% of a 64 MB device.
+  static constexpr size_t kDefaultMaxMasters = 512;
+  static constexpr size_t kDefaultMaxMasterDataBytes = 2 * 1024 * 1024;
+  // Masters send every 10 s, and the worker takes the queue within its turn: the queue only has
+  // to absorb a burst, such as every master answering one change at once. The kernel's receive
+  // buffer holds about as much again.
+  static constexpr size_t kDefaultMaxQueuedDatagrams = 256;
+  static constexpr size_t kDefaultMaxQueuedBytes = 256 * 1024;
+
+  // Datagrams dropped by the bounds, since construction.
+  struct DropCounts {
+    uint64_t queueFull = 0;
+    uint64_t tooManyMasters = 0;
+    uint64_t newMasterData = 0;
+    // A known master's change that would exceed the data bound; it keeps its previous data.
+    uint64_t masterUpdateData = 0;
+  };
 
   struct MasterEntry {
     MasterEntry(tavrinScheduler::Scheduler* scheduler, int masterTimeout,
@@ -49,6 +72,8 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
     tavrinScheduler::SimpleTimer timer;
     MCAnnounceData data;
     uint32_t changeCount = 0;
+    // What the entry is counted for against the data bound.
+    size_t heapBytes = 0;
   };
 
   // `socketFactory` must not be empty.
@@ -67,6 +92,14 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
             const std::string& interface_);
   // Either change forgets every master, queued message and pending timeout.
   void setEnabled(bool enable);
+
+  // Bounds apply to what arrives next; nothing held is dropped when one is lowered. The data
+  // bound counts the heap of each master's entry and data (MCAnnounceData::heapBytes), not
+  // datagram bytes, and the queue bound the heap of each queued message.
+  void setMaxMasters(size_t maxMasters_) { maxMasters = maxMasters_; }
+  void setMaxMasterDataBytes(size_t maxBytes) { maxMasterDataBytes = maxBytes; }
+  void setMaxQueuedDatagrams(size_t maxDatagrams) { maxQueuedDatagrams = maxDatagrams; }
+  void setMaxQueuedBytes(size_t maxBytes) { maxQueuedBytes = maxBytes; }
 
   // Only connector version 0 is understood: any other is refused.
   bool addSupportedConnector(unsigned short version, ConnectorInterfaceType::Type type);
@@ -111,14 +144,29 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
 
   bool isEnabled() const { return enabled; }
   size_t getReceiveQueueSize() const { return receiveQueue.size(); }
+  size_t getQueuedBytes() const { return queuedBytes; }
+  size_t getMasterDataBytes() const { return masterDataBytes; }
+  const DropCounts& getDropCounts() const { return dropCounts; }
   const std::map<tavrinNetwork::SimpleEndpoint, std::unique_ptr<MasterEntry>>& getMasters() const {
     return masters;
   }
 
  private:
+  struct Queued {
+    tavrinNetwork::SimpleEndpoint sender;
+    std::unique_ptr<InputMessage> message;
+    size_t heapBytes;
+  };
+  using MasterMap = std::map<tavrinNetwork::SimpleEndpoint, std::unique_ptr<MasterEntry>>;
+
   void initMulticastSocket();
   bool receivePacket(tavrinNetwork::SimpleEndpoint& sender, std::unique_ptr<InputMessage>& message);
   void handlePacket(const tavrinNetwork::SimpleEndpoint& sender, InputMessage& message);
+  // False (counted, logged) when the data bound leaves no room for `data` as the sender's data.
+  // Else the sender's entry exists, created for a new one, and is counted for `data`.
+  bool admitMasterData(const tavrinNetwork::SimpleEndpoint& sender, const MCAnnounceData& data);
+  void setMasterHeapBytes(MasterEntry& master, size_t heapBytes);
+  void eraseMaster(MasterMap::iterator master);
   void timeoutMaster(const tavrinNetwork::SimpleEndpoint& endpoint);
   void removeTimeoutedMasters();
   void setGeneralError(ErrorType::Type type, const std::string& text);
@@ -140,10 +188,19 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   std::unique_ptr<tavrinNetwork::MulticastSocketInterface> socket;
   tavrinScheduler::IOWatchHandle ioHandle;
   char receiveBuffer[kReceiveBufferSize];
-  std::map<tavrinNetwork::SimpleEndpoint, std::unique_ptr<MasterEntry>> masters;
-  std::deque<std::pair<tavrinNetwork::SimpleEndpoint, std::unique_ptr<InputMessage>>> receiveQueue;
+  MasterMap masters;
+  std::deque<Queued> receiveQueue;
   std::set<tavrinNetwork::SimpleEndpoint> timedOutMasters;
   std::set<std::pair<unsigned short, ConnectorInterfaceType::Type>> supportedConnectors;
+  size_t maxMasters = kDefaultMaxMasters;
+  size_t maxMasterDataBytes = kDefaultMaxMasterDataBytes;
+  size_t maxQueuedDatagrams = kDefaultMaxQueuedDatagrams;
+  size_t maxQueuedBytes = kDefaultMaxQueuedBytes;
+  size_t masterDataBytes = 0;
+  size_t queuedBytes = 0;
+  DropCounts dropCounts;
+  // Every line a datagram causes goes through it: any host on the LAN can send them.
+  tavrinLog::LogRateLimiter logLimiter;
 };
 
 }  // namespace tavrinConnector

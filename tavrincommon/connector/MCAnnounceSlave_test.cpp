@@ -191,12 +191,12 @@ TEST_F(MCAnnounceSlaveTest, LocalRemovalLowersTheChangeCountSoTheNextMessageRest
 }
 
 TEST_F(MCAnnounceSlaveTest, WorkerYieldsAfterItsBudgetWithTheRestQueued) {
-  for (unsigned i = 0; i < 1000; ++i) {
+  for (unsigned i = 0; i < 200; ++i) {
     fake->addDatagram(SimpleEndpoint(SimpleIp("127.0.0.1"), static_cast<unsigned short>(10000 + i)),
                       announceFrame(1, {{i, 1, true}}));
     slave->socketCallback(kIn);
   }
-  EXPECT_EQ(slave->getReceiveQueueSize(), 1000u);
+  EXPECT_EQ(slave->getReceiveQueueSize(), 200u);
   onAdded = [] {
     const auto until = std::chrono::steady_clock::now() + 2ms;
     while (std::chrono::steady_clock::now() < until) {
@@ -205,13 +205,58 @@ TEST_F(MCAnnounceSlaveTest, WorkerYieldsAfterItsBudgetWithTheRestQueued) {
   EXPECT_EQ(slave->work(), tavrinScheduler::Worker::Continue);
   const size_t left = slave->getReceiveQueueSize();
   EXPECT_GT(left, 0u);
-  EXPECT_LT(left, 1000u);
+  EXPECT_LT(left, 200u);
   EXPECT_TRUE(log.contains("Debug: Worker took more than 300ms. Yielding execution and scheduling "
                            "another run to continue work (" +
                            std::to_string(left) + " messages remaining)"));
   onAdded = nullptr;
   EXPECT_TRUE(runUntil(scheduler, [&] { return slave->getReceiveQueueSize() == 0; }, 10s));
-  EXPECT_EQ(slave->getMasters().size(), 1000u);
+  EXPECT_EQ(slave->getMasters().size(), 200u);
+}
+
+TEST_F(MCAnnounceSlaveTest, BoundsDropWhatNewSendersBringWhileKnownMastersKeepWorking) {
+  const SimpleEndpoint third(SimpleIp("127.0.0.3"), 5000);
+  slave->setMaxMasters(2);
+  deliver(kMasterA, announceFrame(1, {{1, 1, true}}));
+  deliver(kMasterB, announceFrame(1, {{2, 1, true}}));
+  deliver(third, announceFrame(1, {{3, 1, true}}));
+  EXPECT_EQ(slave->getMasters().size(), 2u);
+  EXPECT_EQ(slave->getDropCounts().tooManyMasters, 1u);
+  deliver(kMasterA, announceFrame(2, {{1, 1, true}, {4, 1, true}}));
+  EXPECT_EQ(addedIds(), (std::vector<unsigned>{1, 2, 4}));
+
+  // Room for a few more bytes than held: no new master fits, and a known master's change that
+  // grows too much is dropped whole, with its change count, so that a repeat is tried again.
+  slave->setMaxMasters(MCAnnounceSlave::kDefaultMaxMasters);
+  slave->setMaxMasterDataBytes(slave->getMasterDataBytes() + 100);
+  deliver(third, announceFrame(1, {{3, 1, true}}));
+  std::vector<Announcement> many;
+  for (unsigned id = 1; id <= 10; ++id) many.push_back({id, 1, true});
+  deliver(kMasterA, announceFrame(3, many));
+  EXPECT_EQ(slave->getDropCounts().newMasterData, 1u);
+  EXPECT_EQ(slave->getDropCounts().masterUpdateData, 1u);
+  EXPECT_EQ(slave->getMasters().count(third), 0u);
+  EXPECT_EQ(slave->getMasters().at(kMasterA)->changeCount, 2u);
+  EXPECT_EQ(slave->getAnyClusterAnnouncements().size(), 3u);
+  deliver(kMasterA, announceFrame(4, {{4, 1, true}}));
+  EXPECT_EQ(slave->getMasters().at(kMasterA)->changeCount, 4u);
+  EXPECT_EQ(slave->getAnyClusterAnnouncements().size(), 2u);
+
+  slave->setMaxQueuedDatagrams(2);
+  for (int i = 0; i < 3; ++i) {
+    fake->addDatagram(kMasterB, announceFrame(1, {{2, 1, true}}));
+    slave->socketCallback(kIn);
+  }
+  EXPECT_EQ(slave->getReceiveQueueSize(), 2u);
+  slave->work();
+  EXPECT_EQ(slave->getQueuedBytes(), 0u);
+  std::ostringstream out;
+  slave->dump(out, "");
+  EXPECT_NE(out.str().find("\n  Dropped: 1 queue full, 1 new masters over the master bound, 1 new "
+                           "masters and 1 changes over the data bound\n"),
+            std::string::npos)
+      << out.str();
+  EXPECT_EQ(log.count("Warning: Dropping message from"), 4u) << log.text();
 }
 
 TEST_F(MCAnnounceSlaveTest, ForeignInvalidAndOversizedDatagramsAreDropped) {
@@ -307,27 +352,36 @@ TEST_F(MCAnnounceSlaveTest, DatagramsArriveThroughTheLoopAndTheDumpShowsTheMaste
   ASSERT_TRUE(runUntil(scheduler, [&] { return !added.empty(); }, 3s));
   std::ostringstream out;
   slave->dump(out, "$ ");
-  EXPECT_EQ(out.str(),
-            "$ MC Announce Client:\n"
-            "$   NetworkId: 1\n"
-            "$   Interface: 'lo'\n"
-            "$   MC group: 239.255.77.1:4000\n"
-            "$   Socket: " + std::to_string(fake->getFd()) + "\n"
-            "$   Enabled: yes\n"
-            "$   Receive Queue: 0 entries\n"
-            "$   Supported Connectors (1):\n"
-            "$     Client: Version 0\n"
-            "$   --- (1 connectors) ---\n"
-            "$   Masters (1):\n"
-            "$     127.0.0.1:5000 (timeout expired: no, changeCount: 3):\n"
-            "$       NetworkId: 1\n"
-            "$       DeviceId: 2 ('dev')\n"
-            "$       Connectors (1):\n"
-            "$         1: Client (IP 10.0.0.1:6000, version 0, clusterId 4, 1 announcements):\n"
-            "$           ConnectionId 1 (type 1): available ('n1')\n"
-            "$         --- (1 announcements) ---\n"
-            "$       --- Connectors (1) ---\n"
-            "$   --- (1 masters) ---\n");
+  EXPECT_EQ(
+      out.str(),
+      "$ MC Announce Client:\n"
+      "$   NetworkId: 1\n"
+      "$   Interface: 'lo'\n"
+      "$   MC group: 239.255.77.1:4000\n"
+      "$   Socket: " +
+          std::to_string(fake->getFd()) +
+          "\n"
+          "$   Enabled: yes\n"
+          "$   Receive Queue: 0 entries\n"
+          "$   Queue bound: 256 entries, 262144 bytes (held: 0)\n"
+          "$   Master bound: 512 masters, 2097152 bytes of data (held: " +
+          std::to_string(slave->getMasterDataBytes()) +
+          ")\n"
+          "$   Dropped: 0 queue full, 0 new masters over the master bound, 0 new masters and 0 "
+          "changes over the data bound\n"
+          "$   Supported Connectors (1):\n"
+          "$     Client: Version 0\n"
+          "$   --- (1 connectors) ---\n"
+          "$   Masters (1):\n"
+          "$     127.0.0.1:5000 (timeout expired: no, changeCount: 3):\n"
+          "$       NetworkId: 1\n"
+          "$       DeviceId: 2 ('dev')\n"
+          "$       Connectors (1):\n"
+          "$         1: Client (IP 10.0.0.1:6000, version 0, clusterId 4, 1 announcements):\n"
+          "$           ConnectionId 1 (type 1): available ('n1')\n"
+          "$         --- (1 announcements) ---\n"
+          "$       --- Connectors (1) ---\n"
+          "$   --- (1 masters) ---\n");
   slave->setEnabled(false);
   EXPECT_TRUE(slave->getMasters().empty());
 }

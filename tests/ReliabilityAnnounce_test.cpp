@@ -1,0 +1,151 @@
+// One host floods an announce slave on real multicast over lo: large valid announce datagrams,
+// each from a socket of its own and so from a source port of its own, while a genuine master
+// keeps announcing on the same group. The sockets are bound to 127.0.0.1 with TTL 0, so nothing
+// leaves the machine.
+#include "tavrincommon/connector/MCAnnounceData.h"
+#include "tavrincommon/connector/MCAnnounceMaster.h"
+#include "tavrincommon/connector/MCAnnounceSlave.h"
+#include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/network/SimpleEndpoint.h"
+#include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/RunUntil.h"
+#include "tavrincommon/testing/Sockets.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include <malloc.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace tavrinConnector {
+namespace {
+
+using namespace std::chrono_literals;
+using tavrinNetwork::SimpleEndpoint;
+using tavrinNetwork::SimpleIp;
+using tavrinTesting::runUntil;
+
+const SimpleIp kLoopback("127.0.0.1");
+const SimpleIp kGroup("239.255.97.7");
+constexpr unsigned short kPort = 24907;
+constexpr unsigned kFloodDatagrams = 200;
+
+// Sanitizer builds bring their own allocator, which glibc's figures do not see.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kHeapMeasured = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kHeapMeasured = false;
+#else
+constexpr bool kHeapMeasured = true;
+#endif
+#else
+constexpr bool kHeapMeasured = true;
+#endif
+
+// What glibc's malloc has handed out.
+size_t heapInUse() {
+  malloc_trim(0);
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+// A valid announce frame near the largest size, of the shape that costs most once unpacked: one
+// connector with thousands of announcements without names.
+std::string floodFrame() {
+  MCAnnounceData data(nullptr, nullptr);
+  data.setData(1, 66, "flood");
+  data.addConnector(1, ConnectorInterfaceType::Client, 0, 4, SimpleEndpoint(kLoopback, 7100));
+  for (unsigned id = 0; id < 6500; ++id) data.addAnnouncement(1, id, 1, "", true);
+  OutputMessage message;
+  message.putUInt16(0);
+  data.pack(message);
+  message.finalizeMessage(10, 1);
+  return std::string(message.getData(), message.getFrameLength());
+}
+
+// Sends from a socket of its own, bound to an ephemeral port of 127.0.0.1.
+bool sendFromNewPort(const std::string& frame) {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const unsigned char ttl = 0;
+  const SimpleEndpoint local(kLoopback, 0);
+  const SimpleEndpoint group(kGroup, kPort);
+  const bool sent = fd >= 0 && bind(fd, local.sockAddr(), SimpleEndpoint::kSockAddrLength) == 0 &&
+                    setsockopt(fd, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl) == 0 &&
+                    sendto(fd, frame.data(), frame.size(), 0, group.sockAddr(),
+                           SimpleEndpoint::kSockAddrLength) == static_cast<ssize_t>(frame.size());
+  if (fd >= 0) ::close(fd);
+  return sent;
+}
+
+class ReliabilityAnnounceTest : public ::testing::Test {
+ protected:
+  tavrinTesting::LogCapture log;
+  tavrinScheduler::Scheduler scheduler{log.logging()};
+};
+
+TEST_F(ReliabilityAnnounceTest, FloodFromManyPortsStaysWithinTheBoundsAndTheGenuineMasterIsFound) {
+  if (!tavrinTesting::loopbackDeliversMulticast(kGroup, kPort)) {
+    GTEST_SKIP() << "This machine does not deliver multicast on interface lo; the announce flood "
+                    "test cannot run here.";
+  }
+  auto slave = std::make_unique<MCAnnounceSlave>(&scheduler, log.logging());
+  slave->init(1, kGroup, kPort, "lo");
+  slave->addSupportedConnector(0, ConnectorInterfaceType::Client);
+  slave->setEnabled(true);
+  auto master = std::make_unique<MCAnnounceMaster>(&scheduler, log.logging());
+  master->init(1, 2, "panel", kGroup, kPort, kLoopback, 0, "lo", true);
+  master->setMulticastTtl(0);
+  master->setEnabled(true);
+  master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, SimpleEndpoint(kLoopback, 7000));
+  master->addAnnouncement(3, 7, 5, "genuine", true);
+  const auto announced = [&](unsigned id) { return slave->getSingleAnnouncement(4, id, 5); };
+  ASSERT_TRUE(runUntil(scheduler, [&] { return announced(7) != nullptr; }, 5s)) << log.text();
+
+  const std::string frame = floodFrame();
+  ASSERT_LE(frame.size(), MCAnnounceSlave::kReceiveBufferSize);
+  const MCAnnounceSlave::DropCounts& drops = slave->getDropCounts();
+  // Every flood datagram ends as a master or as a drop; the genuine master is the one more.
+  const auto floodHandled = [&] {
+    return slave->getMasters().size() - 1 + drops.tooManyMasters + drops.newMasterData +
+           drops.queueFull;
+  };
+  const size_t before = heapInUse();
+  const auto start = std::chrono::steady_clock::now();
+  for (unsigned i = 0; i < kFloodDatagrams; ++i) {
+    // One at a time, so that the kernel's receive buffer drops none and each reaches the bounds.
+    ASSERT_TRUE(sendFromNewPort(frame));
+    ASSERT_TRUE(runUntil(scheduler, [&] { return floodHandled() == i + 1; }, 3s, 1)) << i;
+    // Meanwhile the genuine master changes, and the slave takes the change over.
+    if (i == kFloodDatagrams / 2) master->addAnnouncement(3, 8, 5, "change", true);
+  }
+  ASSERT_TRUE(runUntil(scheduler, [&] { return announced(8) != nullptr; }, 5s)) << log.text();
+  const size_t after = heapInUse();
+  const auto took = std::chrono::steady_clock::now() - start;
+
+  EXPECT_GT(drops.newMasterData, kFloodDatagrams / 2);
+  EXPECT_LE(slave->getMasterDataBytes(), MCAnnounceSlave::kDefaultMaxMasterDataBytes);
+  auto genuine = slave->getSingleAnnouncement(4, 7, 5);
+  ASSERT_TRUE(genuine);
+  EXPECT_EQ(genuine->name, "genuine");
+  std::ostringstream dump;
+  slave->dump(dump, "");
+  EXPECT_NE(dump.str().find(std::to_string(drops.newMasterData) + " new masters and"),
+            std::string::npos)
+      << dump.str();
+  if (!kHeapMeasured) GTEST_SKIP() << "The heap is not measured in sanitizer builds";
+  // The data bound, one datagram's data unpacked aside and the queue's few entries.
+  const double grownMiB = (static_cast<double>(after) - static_cast<double>(before)) / (1 << 20);
+  EXPECT_LT(grownMiB, 3.0) << "in " << std::chrono::duration<double>(took).count() << " s";
+}
+
+}  // namespace
+}  // namespace tavrinConnector

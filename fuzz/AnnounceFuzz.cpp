@@ -7,7 +7,9 @@
 // - Odd: the rest is a list of datagrams for the slave, each [flags][change count][length: 2
 //   bytes][bytes]. Flag bit 0 wraps the bytes as the payload of an announce frame (format version
 //   0, network id 1), bits 1-2 choose one of four senders, bit 3 runs the worker afterwards, bit 4
-//   removes announcement id 1 locally, bit 5 sends the datagram longer than the receive buffer.
+//   removes announcement id 1 locally, bit 5 sends the datagram longer than the receive buffer,
+//   bit 6 tightens the bounds (two masters, 2 KiB of master data, three queued datagrams) from
+//   then on.
 #include "FuzzCheck.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/MCAnnounceData.h"
@@ -17,6 +19,7 @@
 #include "tavrincommon/scheduler/Scheduler.h"
 #include "tavrincommon/testing/FakeMulticastSocket.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -121,6 +124,11 @@ void feedSlave(const uint8_t* data, size_t size) {
     if (flags & 32) bytes.resize(MCAnnounceSlave::kReceiveBufferSize + 1, '\x5a');
     const tavrinNetwork::SimpleEndpoint sender(tavrinNetwork::SimpleIp("127.0.0.1"),
                                                static_cast<unsigned short>(5000 + ((flags >> 1) & 3)));
+    if (flags & 64) {
+      slave->setMaxMasters(2);
+      slave->setMaxMasterDataBytes(2048);
+      slave->setMaxQueuedDatagrams(3);
+    }
     fake->addDatagram(sender, bytes);
     FUZZ_CHECK(slave->socketCallback(1) != tavrinScheduler::IOWatchItem::Removed);
     if (flags & 8) slave->work();
@@ -131,6 +139,17 @@ void feedSlave(const uint8_t* data, size_t size) {
   }
   while (slave->getReceiveQueueSize() > 0) slave->work();
   FUZZ_CHECK(errors == 0);
+  FUZZ_CHECK(slave->getQueuedBytes() == 0);
+  // The data bound counts what each master holds, whatever path changed it: its data and an
+  // entry of the same size for every master.
+  size_t held = 0;
+  size_t entryBytes = 0;
+  for (const auto& [endpoint, master] : slave->getMasters()) {
+    if (entryBytes == 0) entryBytes = master->heapBytes - master->data.heapBytes();
+    FUZZ_CHECK(entryBytes > 0 && master->heapBytes == entryBytes + master->data.heapBytes());
+    held += master->heapBytes;
+  }
+  FUZZ_CHECK(held == slave->getMasterDataBytes());
   // Only a local removal leaves a master without announcements until its next message.
   for (const auto& [endpoint, master] : slave->getMasters()) {
     FUZZ_CHECK(removedLocally || master->data.announcementsPresent());

@@ -2,6 +2,7 @@
 
 #include "tavrincommon/common/WrapTS.h"
 #include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/internal/HeapCost.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/network/TCPSocketHelper.h"
@@ -31,7 +32,7 @@ SingleTCPConnectionEndpoint::SingleTCPConnectionEndpoint(
       transceiver(
           peer, std::move(socket), connected,
           [this](std::unique_ptr<InputMessage>&& message) { receiveMessage(std::move(message)); },
-          [this] { resetKeepAliveTimeout(false); }, [this] { signalDisconnect(); },
+          [this] { dataReceived(); }, [this] { signalDisconnect(); },
           [this](int fd, int events, TCPTransceiver::SocketCallback callback) {
             registerSocketEvent(fd, events, std::move(callback));
           },
@@ -54,7 +55,22 @@ std::unique_ptr<InputMessage> SingleTCPConnectionEndpoint::fetchReceivedMessage(
   if (receiveQueue.empty()) return nullptr;
   std::unique_ptr<InputMessage> message = std::move(receiveQueue.front());
   receiveQueue.pop_front();
+  receiveQueueBytes -= internal::heapCost(*message);
+  if (transceiver.isReceivePaused() && receiveQueue.size() <= maxReceiveQueueFrames / 2 &&
+      receiveQueueBytes <= maxReceiveQueueBytes / 2) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+               "Receive queue of TCP connection socket %s down to %zu frames (%zu bytes), reading "
+               "again",
+               SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str(), receiveQueue.size(),
+               receiveQueueBytes);
+    transceiver.setReceivePaused(false);
+  }
   return message;
+}
+
+void SingleTCPConnectionEndpoint::setReceiveQueueBounds(size_t maxFrames, size_t maxBytes) {
+  maxReceiveQueueFrames = maxFrames == 0 ? kDefaultMaxReceiveQueueFrames : maxFrames;
+  maxReceiveQueueBytes = maxBytes == 0 ? kDefaultMaxReceiveQueueBytes : maxBytes;
 }
 
 void SingleTCPConnectionEndpoint::startTimer(int periodMs) {
@@ -108,6 +124,12 @@ void SingleTCPConnectionEndpoint::resetKeepAliveTimeout(bool first) {
   startTimer(keepAliveTimeoutMs);
 }
 
+// Traffic keeps a connection alive only while it carries logical connections: an idle one is
+// closed after the idle period whatever the peer sends (pings cost nothing to send).
+void SingleTCPConnectionEndpoint::dataReceived() {
+  if (!logicalConnections.empty()) resetKeepAliveTimeout(false);
+}
+
 void SingleTCPConnectionEndpoint::keepAliveTimerExpired() {
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
              "Keep alive timer expired on TCP connection socket %s, closing the connection!",
@@ -136,18 +158,27 @@ void SingleTCPConnectionEndpoint::disconnect() {
   transceiver.disconnect();
   scheduler->removeIOItem(ioHandle);
   receiveQueue.clear();
+  receiveQueueBytes = 0;
   logicalConnections.clear();
 }
 
 void SingleTCPConnectionEndpoint::receiveMessage(std::unique_ptr<InputMessage>&& message) {
+  receiveQueueBytes += internal::heapCost(*message);
   receiveQueue.push_back(std::move(message));
+  if (!transceiver.isReceivePaused() && (receiveQueue.size() >= maxReceiveQueueFrames ||
+                                         receiveQueueBytes >= maxReceiveQueueBytes)) {
+    ++readPauses;
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+               "Receive queue of TCP connection socket %s holds %zu frames (%zu bytes), pausing "
+               "reads",
+               SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str(), receiveQueue.size(),
+               receiveQueueBytes);
+    transceiver.setReceivePaused(true);
+  }
   eventCallback();
 }
 
-void SingleTCPConnectionEndpoint::signalDisconnect() {
-  receiveQueue.clear();
-  eventCallback();
-}
+void SingleTCPConnectionEndpoint::signalDisconnect() { eventCallback(); }
 
 void SingleTCPConnectionEndpoint::registerSocketEvent(int fd, int events,
                                                       TCPTransceiver::SocketCallback callback) {

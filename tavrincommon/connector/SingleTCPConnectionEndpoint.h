@@ -22,6 +22,12 @@ namespace tavrinConnector {
 
 class SingleTCPConnectionEndpoint {
  public:
+  // Frames received and not yet fetched, counted and by the heap they hold, before reading pauses
+  // (it resumes below half of both). A second of small frames for a worker that handles them in
+  // slices, and room for a frame of the default maximum length.
+  static constexpr size_t kDefaultMaxReceiveQueueFrames = 1024;
+  static constexpr size_t kDefaultMaxReceiveQueueBytes = 1024 * 1024 + 64 * 1024;
+
   // `eventCallback` is called whenever a frame has been queued or the connection has ended.
   // A period below 1 ms means: no such timer.
   SingleTCPConnectionEndpoint(const tavrinNetwork::SimpleEndpoint& peer,
@@ -33,8 +39,15 @@ class SingleTCPConnectionEndpoint {
   SingleTCPConnectionEndpoint(const SingleTCPConnectionEndpoint&) = delete;
   SingleTCPConnectionEndpoint& operator=(const SingleTCPConnectionEndpoint&) = delete;
 
-  // The oldest queued frame; empty when none is queued.
+  // The oldest queued frame; empty when none is queued. Frames that arrived before the connection
+  // ended stay queued until fetched or until disconnect(): the peer's last words (a disconnect
+  // with its reason) often come right before its close.
   std::unique_ptr<InputMessage> fetchReceivedMessage();
+  // 0 restores a default.
+  void setReceiveQueueBounds(size_t maxFrames, size_t maxBytes);
+  size_t getReceiveQueueBytes() const { return receiveQueueBytes; }
+  // How often reading was paused because the queue was full.
+  unsigned getReadPauses() const { return readPauses; }
 
   // The first id switches the timer from idle to keep-alive.
   void addLogicalConnection(unsigned int id);
@@ -68,6 +81,7 @@ class SingleTCPConnectionEndpoint {
   void keepAliveTimerExpired();
   void startTimer(int periodMs);
   void startIdlePeriod();
+  void dataReceived();
 
   tavrinLog::TavrinLogging* logging;
   tavrinScheduler::Scheduler* scheduler;
@@ -75,6 +89,10 @@ class SingleTCPConnectionEndpoint {
   tavrinScheduler::IOWatchHandle ioHandle;
   TCPTransceiver transceiver;
   std::deque<std::unique_ptr<InputMessage>> receiveQueue;
+  size_t receiveQueueBytes = 0;
+  size_t maxReceiveQueueFrames = kDefaultMaxReceiveQueueFrames;
+  size_t maxReceiveQueueBytes = kDefaultMaxReceiveQueueBytes;
+  unsigned readPauses = 0;
   std::set<unsigned int> logicalConnections;
   int idleTimeoutMs;
   int keepAliveTimeoutMs;

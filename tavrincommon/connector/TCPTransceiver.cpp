@@ -2,14 +2,20 @@
 
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/connector/internal/HeapCost.h"
 #include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/network/TCPSocketInterface.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
+
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
 
 namespace tavrinConnector {
 
@@ -22,7 +28,8 @@ namespace {
 
 constexpr int kReadable = 1;  // EPOLLIN
 constexpr int kWritable = 4;  // EPOLLOUT
-constexpr int kBoth = kReadable | kWritable;
+// An error or hang-up is reported even while reading is paused; reading is what finds out which.
+constexpr int kReadOrFailure = kReadable | EPOLLERR | EPOLLHUP;
 constexpr unsigned kFrameHeaderSize = 5;  // start delimiter and length field
 constexpr unsigned char kStartDelimiter = 0xA5;
 constexpr unsigned char kEndDelimiter = 0x5A;
@@ -76,11 +83,26 @@ void TCPTransceiver::setMaxFrameLength(uint32_t maxFrameLength_) {
   maxFrameLength = maxFrameLength_ < kMinFrameLength ? kMinFrameLength : maxFrameLength_;
 }
 
-int TCPTransceiver::currentEvents() const { return outputEventEnabled ? kBoth : kReadable; }
+void TCPTransceiver::setMaxSendQueueBytes(size_t maxSendQueueBytes_) {
+  maxSendQueueBytes = maxSendQueueBytes_ == 0 ? kDefaultMaxSendQueueBytes : maxSendQueueBytes_;
+}
+
+void TCPTransceiver::setReceivePaused(bool paused) {
+  if (receivePaused == paused) return;
+  receivePaused = paused;
+  // While connecting only writability is watched; the connect's completion picks the mask.
+  if (connected && socket && socket->valid()) changeSocketEvent(socket->getFd(), currentEvents());
+}
+
+// Zero while paused with nothing to write: the watch then reports only errors and hang-ups (and a
+// callback's result of 0 leaves the mask as it is).
+int TCPTransceiver::currentEvents() const {
+  return (receivePaused ? 0 : kReadable) | (outputEventEnabled ? kWritable : 0);
+}
 
 IOWatchItem::Result TCPTransceiver::socketCallback(int events) {
   if (connected) {
-    if ((events & kReadable) && !inputReady()) {
+    if ((events & kReadOrFailure) && !inputReady()) {
       disconnect();
       return IOWatchItem::Removed;
     }
@@ -126,10 +148,19 @@ bool TCPTransceiver::inputReady() {
     // of a read-chunk round per 2 KiB. Headers and small frames go through the read chunk.
     const bool direct = remainingBytes >= kReadChunkSize && !waitingForHeader &&
                         receiveBuffer.getDataLength() > 0;
-    const int requested =
-        direct ? static_cast<int>(std::min<uint32_t>(remainingBytes, 1u << 30)) : kReadChunkSize;
-    char* target =
-        direct ? receiveBuffer.prepareWrite(static_cast<unsigned>(requested)) : readChunk;
+    int requested = kReadChunkSize;
+    char* target = readChunk;
+    if (direct) {
+      // The storage grows with what has arrived (the socket tells how much waits), not with what
+      // the header declares: a peer that announces a large frame and sends little costs little.
+      int waiting = 0;
+      if (ioctl(socket->getFd(), FIONREAD, &waiting) != 0 || waiting < kReadChunkSize)
+        waiting = kReadChunkSize;
+      if (!growFrameStorage(std::min(remainingBytes, static_cast<uint32_t>(waiting)))) return false;
+      const unsigned room = receiveBuffer.getCapacity() - receiveBuffer.getOffset();
+      requested = static_cast<int>(std::min<uint32_t>({remainingBytes, room, 1u << 30}));
+      target = receiveBuffer.prepareWrite(static_cast<unsigned>(requested));
+    }
     const int r = socket->receive(target, requested);
     if (r < 0) {
       const int error = errno;
@@ -157,9 +188,9 @@ bool TCPTransceiver::inputReady() {
     }
     bytesReceived += static_cast<uint32_t>(r);
     dataReceivedCallback();
-    // A callback may have closed the connection.
+    // A callback may have closed the connection or paused reading.
     if (!socket->valid()) return false;
-    if (r != requested) return true;
+    if (r != requested || receivePaused) return true;
   }
 }
 
@@ -188,7 +219,7 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
     if (receiveBuffer.getDataLength() == 0 || waitingForHeader) {
       const unsigned held = receiveBuffer.getDataLength();
       if (held == 0 && static_cast<unsigned char>(*data) != kStartDelimiter) {
-        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+        TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
                    "Failed to receive message on TCP connection socket %s: Start delimiter "
                    "missing, closing the connection!",
                    SimpleEndpoint::CharString(endpoint).c_str());
@@ -201,24 +232,27 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
       // Checked before anything is allocated for the frame: a peer's length field alone must
       // not make the buffer grow without bound.
       if (static_cast<uint64_t>(remainingBytes) + kFrameHeaderSize > maxFrameLength) {
-        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+        TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
                    "Failed to receive message on TCP connection socket %s: Length %u exceeds the "
                    "maximum frame length of %u bytes, closing the connection!",
                    SimpleEndpoint::CharString(endpoint).c_str(), remainingBytes, maxFrameLength);
         return false;
       }
-      // The whole frame's room at once: its bytes are copied only once, and the storage is the
+      frameLength = kFrameHeaderSize + remainingBytes;
+      // Room for the frame's bytes in this read; the rest grows as it arrives. The storage is the
       // one the delivered message keeps.
-      receiveBuffer.reserveExact(needed + remainingBytes);
+      if (!growFrameStorage(needed + std::min(remainingBytes, n - needed))) return false;
       receiveBuffer.write(data, needed);
       data += needed;
       n -= needed;
     }
     if (remainingBytes > n) {
+      if (!growFrameStorage(n)) return false;
       receiveBuffer.write(data, n);
       remainingBytes -= n;
       return true;
     }
+    if (!growFrameStorage(remainingBytes)) return false;
     receiveBuffer.write(data, remainingBytes);
     data += remainingBytes;
     n -= remainingBytes;
@@ -228,10 +262,28 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
   return true;
 }
 
+bool TCPTransceiver::growFrameStorage(unsigned more) {
+  const unsigned length = receiveBuffer.getOffset();
+  if (receiveBuffer.getCapacity() - length >= more) return true;
+  // Doubling up to the declared length: copies stay below the frame's size in all.
+  const uint64_t doubled = 2 * static_cast<uint64_t>(receiveBuffer.getCapacity());
+  const uint64_t target = std::min<uint64_t>(frameLength, std::max<uint64_t>(doubled, length + more));
+  try {
+    receiveBuffer.reserveExact(static_cast<unsigned>(target - length));
+  } catch (const std::bad_alloc&) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Failed to allocate %u bytes for a frame on TCP connection socket %s, closing the "
+               "connection!",
+               static_cast<unsigned>(target), SimpleEndpoint::CharString(endpoint).c_str());
+    return false;
+  }
+  return true;
+}
+
 bool TCPTransceiver::deliverFrame() {
   receiveBuffer.moveOffset(-1);
   if (InputMessage::getUInt8(receiveBuffer) != kEndDelimiter) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+    TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
                "Failed to receive message on TCP connection socket %s: End delimiter missing, "
                "closing the connection!",
                SimpleEndpoint::CharString(endpoint).c_str());
@@ -241,7 +293,7 @@ bool TCPTransceiver::deliverFrame() {
   // header tells its size.
   auto message = std::make_unique<InputMessage>(std::move(receiveBuffer), true);
   if (!message->isValid()) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+    TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
                "Failed to receive message on TCP connection socket %s: validity check failed, "
                "closing the connection!",
                SimpleEndpoint::CharString(endpoint).c_str());
@@ -253,7 +305,20 @@ bool TCPTransceiver::deliverFrame() {
 
 void TCPTransceiver::send(std::unique_ptr<OutputMessage>&& message) {
   if (!message || !socket || !socket->valid() || !message->isFinalized()) return;
+  const size_t cost = internal::heapCost(*message);
+  if (!sendQueue.empty() && sendQueueBytes + cost > maxSendQueueBytes) {
+    TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
+                       "Send queue of TCP connection socket %s holds %zu bytes in %zu messages, "
+                       "more than its bound of %zu bytes: the peer does not read, closing the "
+                       "connection!",
+                       SimpleEndpoint::CharString(endpoint).c_str(), sendQueueBytes,
+                       sendQueue.size(), maxSendQueueBytes);
+    closedAsSlowConsumer = true;
+    disconnect();
+    return;
+  }
   sendQueue.push_back(std::move(message));
+  sendQueueBytes += cost;
   if (sendQueue.size() > 1 || !connected) return;
   sendOffset = 0;
   if (!send()) disconnect();
@@ -286,6 +351,7 @@ bool TCPTransceiver::send() {
       setSocketOutputEventEnable(true);
       return true;
     }
+    sendQueueBytes -= internal::heapCost(front);
     sendQueue.pop_front();
     sendOffset = 0;
   }
@@ -296,7 +362,7 @@ bool TCPTransceiver::send() {
 void TCPTransceiver::setSocketOutputEventEnable(bool on) {
   if (outputEventEnabled == on) return;
   outputEventEnabled = on;
-  changeSocketEvent(socket->getFd(), on ? kBoth : kReadable);
+  changeSocketEvent(socket->getFd(), currentEvents());
 }
 
 void TCPTransceiver::disconnect() {
@@ -304,8 +370,10 @@ void TCPTransceiver::disconnect() {
   waitingForHeader = false;
   remainingBytes = 0;
   sendQueue.clear();
+  sendQueueBytes = 0;
   sendOffset = 0;
   connected = false;
+  receivePaused = false;
   if (!socket || !socket->valid()) return;
   registerSocketEvent(socket->getFd(), 0, SocketCallback());
   outputEventEnabled = false;

@@ -8,12 +8,14 @@
 #include "tavrincommon/network/SimpleEndpoint.h"
 #include "tavrincommon/scheduler/IOWatchItem.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
 
 namespace tavrinLog {
+class LogRateLimiter;
 class TavrinLogging;
 }
 namespace tavrinNetwork {
@@ -39,6 +41,10 @@ class TCPTransceiver {
   // and a simple-connector block (64 KiB plus its header); 1 MiB leaves room for applications
   // with larger messages of their own, which can raise it per connection.
   static constexpr uint32_t kDefaultMaxFrameLength = 1024 * 1024;
+  // Heap that queued outgoing frames may hold (counted as internal::heapCost) before the peer is
+  // taken for a slow consumer and its connection closed: 2 MiB is a second of a busy 16 Mbit/s
+  // link, far beyond what a peer that reads ever leaves queued, and small beside a device's RAM.
+  static constexpr size_t kDefaultMaxSendQueueBytes = 2 * 1024 * 1024;
 
   // `connected`: false while a non-blocking connect is pending. Registers the socket at once.
   TCPTransceiver(const tavrinNetwork::SimpleEndpoint& peer,
@@ -65,6 +71,22 @@ class TCPTransceiver {
   void setMaxFrameLength(uint32_t maxFrameLength_);
   uint32_t getMaxFrameLength() const { return maxFrameLength; }
 
+  // The bound on queued outgoing heap; 0 restores the default. A message that finds the queue
+  // empty is always taken (the application's frames are bounded by the frame length already).
+  void setMaxSendQueueBytes(size_t maxSendQueueBytes_);
+  size_t getMaxSendQueueBytes() const { return maxSendQueueBytes; }
+  size_t getSendQueueBytes() const { return sendQueueBytes; }
+  // Above a quarter of the bound, answers that a peer asks for (pongs) are better left unsent.
+  bool isSendQueueAboveLowWatermark() const { return sendQueueBytes > maxSendQueueBytes / 4; }
+  // Paused, the socket is not read (it leaves EPOLLIN) and the peer is slowed by TCP flow control;
+  // a read already under way still delivers the frames it holds.
+  void setReceivePaused(bool paused);
+  bool isReceivePaused() const { return receivePaused; }
+  // True once the send bound has closed the connection.
+  bool wasClosedAsSlowConsumer() const { return closedAsSlowConsumer; }
+  // Lines caused by the peer's input go through this limiter when one is given (not owned).
+  void setLogRateLimiter(tavrinLog::LogRateLimiter* limiter) { rateLimiter = limiter; }
+
   const tavrinNetwork::SimpleEndpoint& getEndpoint() const { return endpoint; }
   tavrinNetwork::TCPSocketInterface* getSocket() const { return socket.get(); }
   bool isConnected() const { return connected; }
@@ -80,6 +102,8 @@ class TCPTransceiver {
   bool deliverFrame();
   bool extractPacketLength(const char* data, int available, int needed, unsigned& length);
   bool send();
+  // Room in the frame's storage for the bytes that have actually arrived, never past its end.
+  bool growFrameStorage(unsigned wanted);
   void setSocketOutputEventEnable(bool on);
   int currentEvents() const;
 
@@ -96,8 +120,15 @@ class TCPTransceiver {
   MessageBuffer receiveBuffer;
   bool waitingForHeader = false;
   uint32_t remainingBytes = 0;
+  // Header, payload and delimiters of the frame being assembled, as its header declares.
+  uint64_t frameLength = 0;
   bool outputEventEnabled = false;
   std::deque<std::unique_ptr<OutputMessage>> sendQueue;
+  size_t sendQueueBytes = 0;
+  size_t maxSendQueueBytes = kDefaultMaxSendQueueBytes;
+  bool receivePaused = false;
+  bool closedAsSlowConsumer = false;
+  tavrinLog::LogRateLimiter* rateLimiter = nullptr;
   uint32_t sendOffset = 0;
   uint32_t bytesSent = 0;
   uint32_t bytesReceived = 0;

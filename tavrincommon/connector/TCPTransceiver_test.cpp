@@ -3,6 +3,7 @@
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/testing/FakeTCPSocket.h"
+#include "tavrincommon/testing/HeapUsage.h"
 #include "tavrincommon/testing/LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -182,6 +183,42 @@ TEST_F(TCPTransceiverTest, FramingErrorsCloseTheConnectionBeforeDelivery) {
     EXPECT_TRUE(received.empty());
     expectClosedOnceWith(c.log);
   }
+}
+
+TEST_F(TCPTransceiverTest, FrameStorageGrowsWithTheBytesThatArriveNotWithTheHeader) {
+  make(true);
+  std::string payload(1000000, '\0');
+  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 13);
+  const std::string large = frameOf(4, 7, payload);
+  const size_t before = tavrinTesting::heldHeapBytes();
+  fake->addChunk(large.substr(0, 5));  // a header that declares a megabyte, and nothing more
+  readable();
+  EXPECT_LT(tavrinTesting::heldHeapBytes(), before + 16 * 1024);
+  fake->addChunks(large.substr(5), 3000);
+  while (fake->pendingReads() > 0) readable();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0], large);
+}
+
+TEST_F(TCPTransceiverTest, APeerThatDoesNotReadIsClosedWhenItsQueueOutgrowsTheBound) {
+  make(true);
+  transceiver->setMaxSendQueueBytes(2000);
+  fake->addSendLimit(0);  // the peer's window is full
+  size_t queued = 0;
+  while (fake->valid() && queued < 1000) {
+    EXPECT_EQ(transceiver->isSendQueueAboveLowWatermark(), transceiver->getSendQueueBytes() > 500);
+    auto pong = std::make_unique<OutputMessage>(0);
+    pong->finalizeMessage(1, 0);
+    transceiver->send(std::move(pong));
+    ++queued;
+  }
+  expectClosedOnceWith("Send queue of TCP connection socket 127.0.0.1:4000 holds ");
+  EXPECT_TRUE(log.contains("more than its bound of 2000 bytes: the peer does not read, closing the "
+                           "connection!"));
+  EXPECT_TRUE(transceiver->wasClosedAsSlowConsumer());
+  // What counts is the heap a queued 11-byte frame holds, several times its size.
+  EXPECT_LT(queued, 2000u / 44);
+  EXPECT_EQ(transceiver->getSendQueueBytes(), 0u);
 }
 
 TEST_F(TCPTransceiverTest, MaximumFrameLengthIsSettablePerConnection) {

@@ -89,7 +89,6 @@ TCPConnectorBase::~TCPConnectorBase() {
   tcpConnectionsToDestroy.clear();
   // Closing the connections above may have queued events and scheduled the worker once more.
   connectionEvents.clear();
-  receivedFrames.clear();
   keepAliveTimer.stop();
   scheduler->removeWorker(this);
   scheduler->disableTimeout(this);
@@ -166,6 +165,28 @@ void TCPConnectorBase::setDscp(int dscp_) {
 void TCPConnectorBase::setMaxFrameLength(uint32_t maxFrameLength_) {
   maxFrameLength = maxFrameLength_ == 0 ? TCPTransceiver::kDefaultMaxFrameLength : maxFrameLength_;
   for (auto& entry : tcpConnections) entry.second->getTransceiver().setMaxFrameLength(maxFrameLength);
+}
+
+void TCPConnectorBase::setConnectionLimits(const ConnectionLimits& limits_) {
+  const ConnectionLimits defaults;
+  auto orDefault = [](size_t value, size_t fallback) { return value == 0 ? fallback : value; };
+  limits.maxSendQueueBytes = orDefault(limits_.maxSendQueueBytes, defaults.maxSendQueueBytes);
+  limits.maxReceiveQueueFrames =
+      orDefault(limits_.maxReceiveQueueFrames, defaults.maxReceiveQueueFrames);
+  limits.maxReceiveQueueBytes =
+      orDefault(limits_.maxReceiveQueueBytes, defaults.maxReceiveQueueBytes);
+  limits.maxTCPConnections = orDefault(limits_.maxTCPConnections, defaults.maxTCPConnections);
+  limits.maxTCPConnectionsPerAddress =
+      orDefault(limits_.maxTCPConnectionsPerAddress, defaults.maxTCPConnectionsPerAddress);
+  limits.maxLogicalConnectionsPerTCPConnection =
+      orDefault(limits_.maxLogicalConnectionsPerTCPConnection,
+                defaults.maxLogicalConnectionsPerTCPConnection);
+  for (auto& entry : tcpConnections) applyQueueBounds(*entry.second);
+}
+
+void TCPConnectorBase::applyQueueBounds(SingleTCPConnectionEndpoint& connection) const {
+  connection.getTransceiver().setMaxSendQueueBytes(limits.maxSendQueueBytes);
+  connection.setReceiveQueueBounds(limits.maxReceiveQueueFrames, limits.maxReceiveQueueBytes);
 }
 
 void TCPConnectorBase::setGeneralErrorCallback(GeneralErrorCallback callback) {
@@ -272,6 +293,7 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
     }
     const bool socketValid = connection->isConnected();
     const size_t logicalCount = connection->getLogicalConnections().size();
+    if (connection->getTransceiver().wasClosedAsSlowConsumer()) ++boundCounters.slowConsumersClosed;
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
                "Disconnecting TCP connection %s (forceDisconnect: %s, connected: %s, logical "
                "connections: %s (%d))...",
@@ -286,8 +308,8 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
   handlers.clear();
   std::deque<std::unique_ptr<SingleTCPConnectionEndpoint>> connections;
   connections.swap(tcpConnectionsToDestroy);
-  for (const auto& connection : connections) receivedFrames.erase(connection.get());
   connections.clear();
+  peerLogLimiter.flush(logging);
   // Destroying a connection whose socket was still open queues one last event for it; the
   // connection is gone, so the event would only cost another run.
   while (!connectionEvents.empty() &&
@@ -303,23 +325,26 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
 
 tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
     SingleTCPConnectionEndpoint& connection, const timespec& deadline) {
-  if (heldFrameCount(connection) == 0) return Finished;
+  if (connection.getReceiveQueueSize() == 0) return Finished;
   const SimpleEndpoint peer = peerOf(connection);
   while (!reached(deadline)) {
-    // Looked up on every turn: handlers may retire the connection or add frames meanwhile. The
-    // frames of a retired connection go with it.
-    auto held = receivedFrames.find(&connection);
-    if (held == receivedFrames.end()) return Finished;
-    if (held->second.empty() || getTCPConnection(peer) != &connection) {
-      receivedFrames.erase(held);
-      return Finished;
-    }
-    std::unique_ptr<InputMessage> message = std::move(held->second.front());
-    held->second.pop_front();
+    // Checked on every turn: handlers may retire the connection meanwhile (it lives until the end
+    // of the worker's run), and the frames of a retired connection go with it.
+    if (getTCPConnection(peer) != &connection) return Finished;
+    std::unique_ptr<InputMessage> message = connection.fetchReceivedMessage();
+    if (!message) return Finished;
     const unsigned type = message->getType();
     const unsigned info = message->getAdditionalInfo();
     switch (type) {
       case TavrinConnectorMessageType::ping:
+        // A peer that pings and never reads would fill the send queue with pongs.
+        if (connection.getTransceiver().isSendQueueAboveLowWatermark()) {
+          ++boundCounters.pingsNotAnswered;
+          TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Debug,
+                             "Not answering ping from %s: %zu bytes wait to be sent",
+                             text(peer).c_str(), connection.getTransceiver().getSendQueueBytes());
+          break;
+        }
         sendPong(connection, info);
         break;
       case TavrinConnectorMessageType::pong:
@@ -349,7 +374,7 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
         extractAndHandleConnectionAcceptMessage(connection, info, *message);
         break;
       default:
-        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+        TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                    "Unsupported message type %u received from %s (additional Info: %u, data "
                    "length: %u bytes), ignoring",
                    type, text(peerOf(connection)).c_str(), info,
@@ -357,19 +382,19 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
         break;
     }
     message.reset();
-    if (heldFrameCount(connection) == 0) return Finished;
+    if (connection.getReceiveQueueSize() == 0) return Finished;
   }
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
              "Message handling took too long (%d messages remaining for TCP connection %s), "
              "yielding",
-             static_cast<int>(heldFrameCount(connection)), text(peer).c_str());
+             static_cast<int>(connection.getReceiveQueueSize()), text(peer).c_str());
   return Continue;
 }
 
 void TCPConnectorBase::handleVersionMessage(SingleTCPConnectionEndpoint& connection,
                                             unsigned short version) {
   if (version == kProtocolVersion) return;
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
              "Incompatible TCP endpoint %s with version %u, disconnecting (own version: %u)",
              text(peerOf(connection)).c_str(), unsigned{version}, unsigned{kProtocolVersion});
   sendDisconnectMessage(connection, DisconnectReason::incompatible, kInvalidConnectionId);
@@ -388,7 +413,7 @@ void TCPConnectorBase::handleDataMessage(SingleTCPConnectionEndpoint& connection
       found->second->receive(std::move(message));
       return;
     }
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                "No active connection with connection Id %u (local TCP endpoint %s), cleaning up "
                "and replying with noConnection",
                connectionId, text(peer).c_str());
@@ -397,7 +422,7 @@ void TCPConnectorBase::handleDataMessage(SingleTCPConnectionEndpoint& connection
       connection.disconnect();
     }
   } else {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                "No logical connection with connection Id %u on local TCP endpoint %s, replying "
                "with noConnection",
                connectionId, text(peer).c_str());
@@ -410,7 +435,7 @@ void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& conn
   const int reason = message.getInt32();
   const SimpleEndpoint peer = peerOf(connection);
   if (connectionId == kInvalidConnectionId) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                "TCP disconnect message received from TCP endpoint %s, reason: %s (%d)",
                text(peer).c_str(), DisconnectReason::getText(long{reason}), reason);
     disconnectEndpoint(connection, reason, false);
@@ -419,7 +444,7 @@ void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& conn
   if (connection.hasLogicalConnection(connectionId)) {
     auto found = activeConnections.find(connectionId);
     if (found != activeConnections.end()) {
-      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                  "Disconnect message received from TCP endpoint %s for connection %u, reason: %s "
                  "(%d)",
                  text(peer).c_str(), connectionId, DisconnectReason::getText(long{reason}), reason);
@@ -430,12 +455,12 @@ void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& conn
       queueHandlerForDestruction(std::move(handler));
       return;
     }
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                "No active connection with connection id %u (local TCP endpoint %s), ignoring "
                "disconnect request",
                connectionId, text(peer).c_str());
   } else {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                "No logical connection with connection id %u on local TCP endpoint %s, ignoring "
                "disconnect request",
                connectionId, text(peer).c_str());
@@ -445,7 +470,7 @@ void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& conn
 
 void TCPConnectorBase::handleConnectionNotFoundMessage(SingleTCPConnectionEndpoint& connection,
                                                        unsigned connectionId) {
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
              "Received connection not found message for remote connection %u from TCP endpoint "
              "%s, removing the connection",
              connectionId, text(peerOf(connection)).c_str());
@@ -539,8 +564,11 @@ void TCPConnectorBase::finalizeConnection(HandlerFactory factory, unsigned conne
 }
 
 void TCPConnectorBase::sendKeepAlives() {
-  for (auto& entry : tcpConnections) sendPong(*entry.second, 0);
+  // A pong behind a full queue would only add to it; the peer sees that traffic anyway.
+  for (auto& entry : tcpConnections)
+    if (!entry.second->getTransceiver().isSendQueueAboveLowWatermark()) sendPong(*entry.second, 0);
   keepAliveTimer.start();
+  peerLogLimiter.flush(logging);
 }
 
 std::unique_ptr<SingleTCPConnectionEndpoint> TCPConnectorBase::makeTCPConnection(
@@ -560,28 +588,18 @@ std::unique_ptr<SingleTCPConnectionEndpoint> TCPConnectorBase::makeTCPConnection
   auto connection = std::make_unique<SingleTCPConnectionEndpoint>(
       peer, std::move(socket), connectedNow,
       [this, peer, self] {
-        if (*self) holdReceivedFrames(**self);
+        // One event per burst: while frames wait, an event for them is queued already (the
+        // worker queues it again when it yields with frames left). The end always raises one.
+        const SingleTCPConnectionEndpoint* self_ = *self;
+        if (self_ && self_->isConnected() && self_->getReceiveQueueSize() > 1) return;
         setConnectionEvent(peer, false);
       },
       scheduler, kTCPIdleTimeoutMs, timing.connectionTimeout * 1000, logging);
   *self = connection.get();
   connection->getTransceiver().setMaxFrameLength(maxFrameLength);
+  connection->getTransceiver().setLogRateLimiter(&peerLogLimiter);
+  applyQueueBounds(*connection);
   return connection;
-}
-
-void TCPConnectorBase::holdReceivedFrames(SingleTCPConnectionEndpoint& connection) {
-  std::unique_ptr<InputMessage> message = connection.fetchReceivedMessage();
-  if (!message) return;
-  std::deque<std::unique_ptr<InputMessage>>& held = receivedFrames[&connection];
-  do {
-    held.push_back(std::move(message));
-    message = connection.fetchReceivedMessage();
-  } while (message);
-}
-
-size_t TCPConnectorBase::heldFrameCount(const SingleTCPConnectionEndpoint& connection) const {
-  auto held = receivedFrames.find(&connection);
-  return held == receivedFrames.end() ? 0 : held->second.size();
 }
 
 void TCPConnectorBase::retireTCPConnection(const SimpleEndpoint& peer,

@@ -6,10 +6,12 @@
 #pragma once
 
 #include "tavrincommon/connector/ConnectionHandlerBase.h"
+#include "tavrincommon/connector/ConnectionLimits.h"
 #include "tavrincommon/connector/ConnectionTimeout.h"
 #include "tavrincommon/connector/ConnectorInterfaceType.h"
 #include "tavrincommon/connector/ErrorType.h"
 #include "tavrincommon/connector/TavrinConnectorMessageType.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 #include "tavrincommon/network/SimpleIp.h"
 #include "tavrincommon/scheduler/SimpleTimer.h"
@@ -24,7 +26,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -94,6 +95,18 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   // now on and those it has. 0 restores the transport's default.
   void setMaxFrameLength(uint32_t maxFrameLength_);
   uint32_t getMaxFrameLength() const { return maxFrameLength; }
+  // The queue bounds apply to every TCP connection, existing ones included; the connection limits
+  // to what comes next. Zero fields take their defaults.
+  void setConnectionLimits(const ConnectionLimits& limits_);
+  const ConnectionLimits& getConnectionLimits() const { return limits; }
+  // What the bounds did, for dumps and tests.
+  struct BoundCounters {
+    unsigned slowConsumersClosed = 0;
+    unsigned pingsNotAnswered = 0;
+    unsigned tcpConnectionsRefused = 0;
+    unsigned connectsRefused = 0;
+  };
+  const BoundCounters& getBoundCounters() const { return boundCounters; }
   void setGeneralErrorCallback(GeneralErrorCallback callback);
   // Logs, disables the connector, then tells the application.
   void setGeneralError(ErrorType::Type error, const std::string& text);
@@ -228,9 +241,8 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   // its destruction to the worker: it may be in the middle of its own call chain.
   void retireTCPConnection(const tavrinNetwork::SimpleEndpoint& peer,
                            const SingleTCPConnectionEndpoint* expected);
-  // Takes the frames the connection has queued into the connector's own keeping.
-  void holdReceivedFrames(SingleTCPConnectionEndpoint& connection);
-  size_t heldFrameCount(const SingleTCPConnectionEndpoint& connection) const;
+  // The connection's queue bounds from the limits.
+  void applyQueueBounds(SingleTCPConnectionEndpoint& connection) const;
 
   void setConnectionRejected(const tavrinNetwork::SimpleEndpoint& endpoint, unsigned clusterId,
                              unsigned connectionId, int reason, unsigned remoteConnectionId,
@@ -279,13 +291,11 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   std::deque<std::pair<tavrinNetwork::SimpleEndpoint, bool>> connectionEvents;
   std::deque<std::unique_ptr<ConnectionHandlerBase>> handlersToDestroy;
   std::deque<std::unique_ptr<SingleTCPConnectionEndpoint>> tcpConnectionsToDestroy;
-  // Frames received on each TCP connection and not yet handled. A TCP connection drops the frames
-  // it still queues when it ends, and a peer that ends its last logical connection sends the
-  // disconnect message and closes right after it: both arrive in the same read. Held here, the
-  // frames that came before the end are still handled, so the peer's reason is not lost.
-  std::unordered_map<const SingleTCPConnectionEndpoint*, std::deque<std::unique_ptr<InputMessage>>>
-      receivedFrames;
   uint32_t maxFrameLength;
+  ConnectionLimits limits;
+  BoundCounters boundCounters;
+  // Lines that a peer's input causes go through this, on every TCP connection of the connector.
+  tavrinLog::LogRateLimiter peerLogLimiter;
 };
 
 }  // namespace tavrinConnector

@@ -4,6 +4,7 @@
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
 #include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/network/TCPSocketHelper.h"
 #include "tavrincommon/network/TCPSocketInterface.h"
@@ -55,7 +56,8 @@ TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
                                        tavrinLog::TavrinLogging* logging_)
     : TCPConnectorBase(scheduler_, logging_),
       createServerSocket(std::move(createServerSocket_)),
-      acceptClient(std::move(acceptClient_)) {}
+      acceptClient(std::move(acceptClient_)),
+      acceptPauseTimer(scheduler_, kAcceptPauseMs, [this] { resumeAccepting(); }, kOrigin) {}
 
 TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
                                        tavrinLog::TavrinLogging* logging_)
@@ -97,74 +99,6 @@ SimpleEndpoint TCPConnectorMaster::getListeningEndpoint() const {
   return serverSocket ? serverSocket->getBoundEndpoint() : SimpleEndpoint();
 }
 
-// ---- listening ----
-
-void TCPConnectorMaster::enableSpecific() {
-  if (initServerSocket()) return;
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
-             "Failed to initialize server socket, disabling!");
-  setGeneralError(ErrorType::initializationFailed, "Failed to initialize server socket!");
-}
-
-void TCPConnectorMaster::cleanupSpecific() { closeServerSocket(); }
-
-bool TCPConnectorMaster::initServerSocket() {
-  closeServerSocket();
-  const SimpleEndpoint at(ip, port);
-  std::unique_ptr<TCPSocketInterface> socket = createServerSocket ? createServerSocket(at, mptcp)
-                                                                  : nullptr;
-  if (!socket || !socket->valid()) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error, "Failed to create server socket at %s!",
-               text(at).c_str());
-    return false;
-  }
-  if (!socket->setDSCP(dscp)) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
-               "Failed to setup server socket at %s (DSCP)!", text(at).c_str());
-    return false;
-  }
-  serverSocket = std::move(socket);
-  tavrinScheduler::IOWatchItem item;
-  item.fd = serverSocket->getFd();
-  item.events = EPOLLIN;
-  item.callback = [this](int events) { return serverSocketCallback(events); };
-  serverWatch = scheduler->addIOItem(item, kOrigin);
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
-             "Successfully created server socket at %s (fd: %d)!", text(at).c_str(),
-             serverSocket->getFd());
-  return true;
-}
-
-void TCPConnectorMaster::closeServerSocket() {
-  scheduler->removeIOItem(serverWatch);
-  serverSocket.reset();
-}
-
-tavrinScheduler::IOWatchItem::Result TCPConnectorMaster::serverSocketCallback(int /*events*/) {
-  if (!serverSocket) return tavrinScheduler::IOWatchItem::Removed;
-  SimpleEndpoint peer;
-  std::unique_ptr<TCPSocketInterface> client =
-      acceptClient ? acceptClient(serverSocket.get(), peer) : nullptr;
-  const SimpleEndpoint server = serverSocket->getBoundEndpoint();
-  if (!client) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
-               "Failed to accept client on server socket %s!", text(server).c_str());
-  } else if (!client->setDSCP(dscp)) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
-               "Failed to setup client socket %s (NonBlock/DSCP), aborting connection attempt!",
-               text(peer).c_str());
-  } else if (tcpConnections.count(peer)) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
-               "Client socket %s is already connected, aborting connection attempt!",
-               text(peer).c_str());
-  } else {
-    tcpConnections.emplace(peer, makeTCPConnection(peer, std::move(client), true));
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service, "Accepted client %s on server socket %s",
-               text(peer).c_str(), text(server).c_str());
-  }
-  return EPOLLIN;
-}
-
 // ---- requests ----
 
 void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& connection,
@@ -177,7 +111,7 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     sendConnectionRejectMessage(connection, reason, clusterId, remoteConnectionId, id, type);
   };
   if (requestedClusterId != clusterId) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
                "%s (device id: %u): wrong cluster id %u (own: %u)!",
                connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId,
@@ -185,11 +119,24 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     reject(DisconnectReason::wrongClusterId, connectionId);
     return;
   }
+  // notAllowed is the reason a slave already handles for a request the master will not serve.
+  if (connection.getLogicalConnections().size() >= limits.maxLogicalConnectionsPerTCPConnection) {
+    ++boundCounters.connectsRefused;
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+                       "Cannot create connection %u (type %u, remote connection id: %u) on TCP "
+                       "endpoint %s (device id: %u): %zu logical connections on it already (limit "
+                       "%zu)!",
+                       connectionId, typeNumber, remoteConnectionId, text(peer).c_str(),
+                       remoteDeviceId, connection.getLogicalConnections().size(),
+                       limits.maxLogicalConnectionsPerTCPConnection);
+    reject(DisconnectReason::notAllowed, connectionId);
+    return;
+  }
   const bool automatic = connectionId == kInvalidConnectionId;
   if (automatic) {
     auto range = automaticConnections.find(type);
     if (range == automaticConnections.end()) {
-      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                  "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
                  "endpoint %s (device id: %u): connection not allowed!",
                  typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
@@ -198,7 +145,7 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     }
     connectionId = getFreeConnectionId(range->second.first, range->second.second);
     if (connectionId == kInvalidConnectionId) {
-      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                  "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
                  "endpoint %s (device id: %u): no free connection id found (range %u - %u)!",
                  typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId,
@@ -209,7 +156,7 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
   } else {
     auto allowed = allowedConnections.find(connectionId);
     if (allowed == allowedConnections.end() || allowed->second != type) {
-      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                  "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
                  "%s (device id: %u): connection not allowed!",
                  connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
@@ -217,7 +164,7 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
       return;
     }
     if (activeConnections.count(connectionId) && !overwriteExisting) {
-      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                  "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
                  "%s (device id: %u): connection already exists!",
                  connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
@@ -228,7 +175,7 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
   const char* automaticText = automatic ? "automatic, " : "";
   auto versions = connectionHandlers.find(type);
   if (versions == connectionHandlers.end() || versions->second.empty()) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
                "%s (device id: %u): no connection handler found!",
                connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
@@ -246,7 +193,7 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     break;
   }
   if (!factory) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
                "%s (device id: %u): no compatible connection handler found!",
                connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
@@ -259,7 +206,7 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     std::unique_ptr<ConnectionHandlerBase> old = std::move(existing->second);
     activeConnections.erase(existing);
     if (old && old->isConnected()) {
-      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Info,
+      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
                  "Replacing existing connection %u (type %u) on TCP endpoint %s (remote connection "
                  "id: %u, remote device id: %u) with new connection to TCP endpoint %s (remote "
                  "connection id: %u, remote device id: %u)",
@@ -286,7 +233,7 @@ void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connecti
                                 type);
   };
   if (!allowMove) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
                "device id: %u): not allowed (general setting)!",
                connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
@@ -294,7 +241,7 @@ void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connecti
     return;
   }
   if (requestedClusterId != clusterId) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
                "device id: %u): wrong cluster id %u (own: %u)!",
                connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId,
@@ -304,7 +251,7 @@ void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connecti
   }
   ConnectionHandlerBase* handler = getConnection(connectionId);
   if (!handler || !handler->isConnected()) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
                "device id: %u): connection not found!",
                connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
@@ -312,7 +259,7 @@ void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connecti
     return;
   }
   if (!handler->moveConnectionAllowed()) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
                "(remote connection id: %u, device id: %u): not allowed (connection handler "
                "setting)!",
@@ -322,7 +269,7 @@ void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connecti
     return;
   }
   if (handler->getType() != type) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
                "(remote connection id: %u, device id: %u): wrong type (current: %u)!",
                connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
@@ -334,7 +281,7 @@ void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connecti
   for (unsigned short offered : readVersions(message))
     if (offered == handler->getVersion()) versionOffered = true;
   if (!versionOffered) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
                "(remote connection id: %u, device id: %u): no compatible connection handler "
                "found!",
@@ -357,7 +304,7 @@ void TCPConnectorMaster::finalizeMoveConnection(ConnectionHandlerBase& handler,
     last = oldConnection->removeLogicalConnection(connectionId);
     sendDisconnectMessage(*oldConnection, DisconnectReason::connectionMoved,
                           handler.getRemoteConnectionId());
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Info,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
                "Moving connection %u (type %u, version %u) from TCP endpoint %s (last: %s, old "
                "remote connection id: %u, old remote device id: %u)...",
                connectionId, unsigned{handler.getType()}, unsigned{handler.getVersion()},
@@ -377,7 +324,7 @@ void TCPConnectorMaster::finalizeMoveConnection(ConnectionHandlerBase& handler,
                          newConnection.isMptcpEnabled(), last,
                          makeSendFunction(newPeer, remoteConnectionId),
                          makeDisconnectFunction(connectionId));
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Info,
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
              "Moved connection %u (type %u, version %u) to TCP endpoint %s (remote connection id: "
              "%u, remote device id: %u)",
              connectionId, unsigned{handler.getType()}, unsigned{handler.getVersion()},
@@ -389,7 +336,7 @@ void TCPConnectorMaster::handleConnectionRejectMessage(SingleTCPConnectionEndpoi
                                                        unsigned connectionId, int reason,
                                                        unsigned remoteConnectionId,
                                                        unsigned short type) {
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
              "Received connection reject message for connection %u (type %u, remote connection "
              "id: %u) from TCP endpoint %s (clusterId %u, own: %u): %s (%d); ignoring on master",
              connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
@@ -403,7 +350,7 @@ void TCPConnectorMaster::handleConnectionAcceptMessage(SingleTCPConnectionEndpoi
                                                        unsigned remoteConnectionId,
                                                        unsigned /*remoteDeviceId*/,
                                                        unsigned short type) {
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
              "Received connection accept message for connection %u (type %u, remote connection "
              "id: %u) from TCP endpoint %s (clusterId %u, own: %u) with version %u; ignoring on "
              "master",

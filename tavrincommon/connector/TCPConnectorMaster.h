@@ -23,6 +23,9 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
 
   static constexpr unsigned kFirstAutomaticId = 1;
   static constexpr unsigned kLastAutomaticId = 4294967294u;
+  // Without a descriptor to accept into, the server socket is left alone for this long: long
+  // enough not to spin, short enough that a hall of slaves connecting meanwhile hardly notices.
+  static constexpr int kAcceptPauseMs = 500;
 
   TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler, ServerSocketFactory createServerSocket,
                      AcceptFactory acceptClient, tavrinLog::TavrinLogging* logging);
@@ -67,6 +70,8 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
   bool isListening() const { return serverSocket != nullptr; }
   // The address the server socket is bound to (with the port the system chose for port 0).
   tavrinNetwork::SimpleEndpoint getListeningEndpoint() const;
+  // How often accepting paused because no descriptor was left.
+  unsigned getAcceptPauses() const { return acceptPauses; }
 
  protected:
   void enableSpecific() override;
@@ -90,6 +95,8 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
   bool initServerSocket();
   void closeServerSocket();
   tavrinScheduler::IOWatchItem::Result serverSocketCallback(int events);
+  void resumeAccepting();
+  size_t tcpConnectionsFrom(tavrinNetwork::SimpleIp address) const;
   void finalizeMoveConnection(ConnectionHandlerBase& handler, unsigned connectionId,
                               unsigned remoteConnectionId, unsigned remoteDeviceId,
                               SingleTCPConnectionEndpoint& connection);
@@ -103,6 +110,8 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
   bool allowMove = false;
   std::unique_ptr<tavrinNetwork::TCPSocketInterface> serverSocket;
   tavrinScheduler::IOWatchHandle serverWatch;
+  tavrinScheduler::SimpleTimer acceptPauseTimer;
+  unsigned acceptPauses = 0;
   std::map<unsigned, unsigned short> allowedConnections;
   std::map<unsigned short, std::pair<unsigned, unsigned>> automaticConnections;
 };

@@ -26,6 +26,7 @@ void LogRateLimiter::report(const TavrinLogging* logging, Kind& kind) {
   if (logging && logging->isEnabled(kind.origin, kind.severity))
     logging->log<true>(kind.origin, kind.severity, "Suppressed %u similar lines in %u s: \"%s\"",
                        kind.suppressed, (windowMs + 999) / 1000, kind.format);
+  reportedTotal += kind.suppressed;
   kind.suppressed = 0;
 }
 
@@ -64,6 +65,7 @@ bool LogRateLimiter::admit(const TavrinLogging* logging, int origin, SeverityLev
 }
 
 void LogRateLimiter::flush(const TavrinLogging* logging) {
+  if (reportedTotal == suppressedTotal) return;
   const uint32_t now = clock();
   for (Kind& kind : kinds)
     if (kind.suppressed > 0 && windowOver(kind, now)) report(logging, kind);

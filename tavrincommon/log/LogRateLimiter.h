@@ -33,7 +33,8 @@ class LogRateLimiter {
   // back lines first, when there is one.
   bool admit(const TavrinLogging* logging, int origin, SeverityLevel::Type severity,
              const char* format);
-  // Logs the counts of every kind whose window has ended with lines held back.
+  // Logs the counts of every kind whose window has ended with lines held back. Cheap when nothing
+  // is held back, so owners may call it on every run of their worker.
   void flush(const TavrinLogging* logging);
   // Lines held back since construction, for dumps and tests.
   uint64_t getSuppressedTotal() const { return suppressedTotal; }
@@ -57,6 +58,7 @@ class LogRateLimiter {
   MillisecondClock clock;
   std::vector<Kind> kinds;
   uint64_t suppressedTotal = 0;
+  uint64_t reportedTotal = 0;
 };
 
 // For the macro below: a component may hold its limiter by value or be given one (null: no limit).

@@ -78,6 +78,8 @@ std::unique_ptr<TCPSocketInterface> TCPSocketHelper::acceptClient(
                      .c_str(),
                  error, std::strerror(error));
     peer.clear();
+    // The caller decides by errno (out of descriptors, say); the log callback may have changed it.
+    errno = error;
     return nullptr;
   }
   peer = address;

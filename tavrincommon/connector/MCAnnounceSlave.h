@@ -46,14 +46,16 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   // The largest message a master sends.
   static constexpr unsigned kReceiveBufferSize = 61440;
   static constexpr int kWorkerBudgetMs = 300;
-  // An ordinary master's datagram of a few hundred bytes costs 1 to 4 KiB of heap once unpacked.
-  // 512 such masters take 1 to 2 MiB; the data bound leaves room for them and a few masters of
-  // the largest size (about 10 times 61 KiB each), and is 3% of a 64 MB device.
+  // On the 32-bit target an ordinary master (a datagram of a few hundred bytes) holds 1 to 2 KiB
+  // of heap once unpacked (64-bit hosts: 1.7 times that), so 512 masters take up to 1 MiB. The
+  // data bound doubles that, leaving room for masters of the largest datagram too (61 KiB that
+  // unpack to up to 400 KiB), and is 3% of a 64 MB device.
   static constexpr size_t kDefaultMaxMasters = 512;
   static constexpr size_t kDefaultMaxMasterDataBytes = 2 * 1024 * 1024;
-  // Masters send every 10 s, and the worker takes the queue within its turn: the queue only has
-  // to absorb a burst, such as every master answering one change at once. The kernel's receive
-  // buffer holds about as much again.
+  // Masters send every 10 s and on a change: 512 of them make some 50 datagrams a second, and
+  // the worker empties the queue within a loop turn. The queue only has to absorb a stalled loop;
+  // 256 ordinary datagrams hold about 120 KiB, the byte bound four of the largest. The kernel's
+  // receive buffer holds about as much again.
   static constexpr size_t kDefaultMaxQueuedDatagrams = 256;
   static constexpr size_t kDefaultMaxQueuedBytes = 256 * 1024;
 

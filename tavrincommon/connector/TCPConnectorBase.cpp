@@ -165,6 +165,8 @@ void TCPConnectorBase::setDscp(int dscp_) {
 void TCPConnectorBase::setMaxFrameLength(uint32_t maxFrameLength_) {
   maxFrameLength = maxFrameLength_ == 0 ? TCPTransceiver::kDefaultMaxFrameLength : maxFrameLength_;
   for (auto& entry : tcpConnections) entry.second->getTransceiver().setMaxFrameLength(maxFrameLength);
+  for (auto& entry : activeConnections)
+    if (entry.second) entry.second->setMaxFrameLength(maxFrameLength);
 }
 
 void TCPConnectorBase::setConnectionLimits(const ConnectionLimits& limits_) {
@@ -544,6 +546,8 @@ void TCPConnectorBase::finalizeConnection(HandlerFactory factory, unsigned conne
   std::unique_ptr<ConnectionHandlerBase> created = factory();
   if (!created) return;
   created->init(serverSide);
+  // A handler sizes what it sends and accepts by the frames this connector carries.
+  created->setMaxFrameLength(maxFrameLength);
   auto slot = activeConnections.try_emplace(connectionId, nullptr).first;
   if (!slot->second) slot->second = std::move(created);
   ConnectionHandlerBase* handler = slot->second.get();
@@ -571,6 +575,12 @@ void TCPConnectorBase::sendKeepAlives() {
   peerLogLimiter.flush(logging);
 }
 
+// A TCP connection that carries nothing is closed after the connection timeout, as a silent one
+// is; without a connection timeout (keep-alives off) after the fixed idle time.
+int TCPConnectorBase::idleTimeoutMs() const {
+  return timing.connectionTimeout > 0 ? timing.connectionTimeout * 1000 : kTCPIdleTimeoutMs;
+}
+
 std::unique_ptr<SingleTCPConnectionEndpoint> TCPConnectorBase::makeTCPConnection(
     const SimpleEndpoint& peer, std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket,
     bool connectedNow) {
@@ -594,7 +604,7 @@ std::unique_ptr<SingleTCPConnectionEndpoint> TCPConnectorBase::makeTCPConnection
         if (self_ && self_->isConnected() && self_->getReceiveQueueSize() > 1) return;
         setConnectionEvent(peer, false);
       },
-      scheduler, kTCPIdleTimeoutMs, timing.connectionTimeout * 1000, logging);
+      scheduler, idleTimeoutMs(), timing.connectionTimeout * 1000, logging);
   *self = connection.get();
   connection->getTransceiver().setMaxFrameLength(maxFrameLength);
   connection->getTransceiver().setLogRateLimiter(&peerLogLimiter);
@@ -1052,6 +1062,14 @@ void TCPConnectorBase::dump(std::ostream& os, const char* prefix) const {
   for (const auto& entry : activeConnections)
     if (entry.second) entry.second->dump(os, entry.first, p4.c_str());
   os << prefix << "  --- (" << activeConnections.size() << " active connections) --- \n";
+
+  os << prefix << "  Bounds (send queue " << limits.maxSendQueueBytes << " bytes, receive queue "
+     << limits.maxReceiveQueueFrames << " frames / " << limits.maxReceiveQueueBytes
+     << " bytes): slow consumers closed: " << boundCounters.slowConsumersClosed
+     << ", pings not answered: " << boundCounters.pingsNotAnswered
+     << ", TCP connections refused: " << boundCounters.tcpConnectionsRefused
+     << ", connects refused: " << boundCounters.connectsRefused
+     << ", log lines suppressed: " << peerLogLimiter.getSuppressedTotal() << "\n";
 }
 
 }  // namespace tavrinConnector

@@ -92,7 +92,7 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   void setIp(tavrinNetwork::SimpleIp ip_);
   void setDscp(int dscp_);
   // The bound on a whole frame, for every TCP connection this connector creates or accepts from
-  // now on and those it has. 0 restores the transport's default.
+  // now on and those it has, and for the handlers on them. 0 restores the transport's default.
   void setMaxFrameLength(uint32_t maxFrameLength_);
   uint32_t getMaxFrameLength() const { return maxFrameLength; }
   // The queue bounds apply to every TCP connection, existing ones included; the connection limits
@@ -241,6 +241,7 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   // its destruction to the worker: it may be in the middle of its own call chain.
   void retireTCPConnection(const tavrinNetwork::SimpleEndpoint& peer,
                            const SingleTCPConnectionEndpoint* expected);
+  int idleTimeoutMs() const;
   // The connection's queue bounds from the limits.
   void applyQueueBounds(SingleTCPConnectionEndpoint& connection) const;
 

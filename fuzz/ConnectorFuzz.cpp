@@ -211,7 +211,10 @@ class Harness {
   int tagsGone = 0;
   long simpleUp = 0, simpleDown = 0, counterUp = 0, counterDown = 0;
   int requestBudget = kRequestBudget;
-  uint8_t nextSocket = 0;  // the slave's next socket: 1 none, 2 failing connect, 3 pending connect
+  uint8_t nextSocket = 0;
+  bool acceptFails = false;
+  // The master's TCP connections: limits apply to what comes next, not to what is there.
+  size_t tcpCeiling = tavrinConnector::ConnectionLimits::kDefaultMaxTCPConnections;  // the slave's next socket: 1 none, 2 failing connect, 3 pending connect
   unsigned short nextPort = 50000;
   std::shared_ptr<tavrinTesting::HandlerRecord> record =
       std::make_shared<tavrinTesting::HandlerRecord>();
@@ -264,6 +267,11 @@ Harness::Harness(uint8_t options_) : options(options_) {
         },
         [this](TCPSocketInterface* listening,
                SimpleEndpoint& peer) -> std::unique_ptr<TCPSocketInterface> {
+          if (acceptFails) {  // the pending client stays queued
+            acceptFails = false;
+            errno = EMFILE;
+            return nullptr;
+          }
           char request;
           listening->receive(&request, 1);
           if (acceptQueue.empty()) return nullptr;
@@ -468,14 +476,18 @@ std::string Harness::frameOf(int kind, Reader& in) const {
 
 void Harness::peerEvent(int peer, Reader& in) {
   const uint8_t event = in.u8(), arg = in.u8();
-  if (event % 7 == 6) {  // a new TCP connection in this peer's place; the old one lives on unfed
+  if (event % 8 == 6) {  // a new TCP connection in this peer's place; the old one lives on unfed
     peers[peer] = nullptr;
     peerFor(peer);
     return;
   }
+  if (event % 8 == 7) {  // the process is out of descriptors at the next accept
+    acceptFails = true;
+    return;
+  }
   TrackedSocket* socket = peers[peer];
   if (!socket) return;
-  switch (event % 7) {
+  switch (event % 8) {
     case 0: socket->addEndOfStream(); break;
     case 1: socket->addReceiveError((arg & 1) ? EINTR : ECONNRESET); break;
     case 2: socket->addSendLimit(arg % 40); break;
@@ -488,7 +500,7 @@ void Harness::peerEvent(int peer, Reader& in) {
 void Harness::action(Reader& in) {
   const uint8_t what = in.u8(), a = in.u8(), b = in.u8();
   TCPConnectorBase& c = *connector;
-  switch (what % 12) {
+  switch (what % 13) {
     case 0: c.disconnect(idOf(a), static_cast<int8_t>(b)); break;
     case 1: c.disconnectAllConnections(b); break;
     case 2: c.disconnectRemoteDevice(SimpleIp("127.0.0.1"), 2); break;
@@ -504,7 +516,20 @@ void Harness::action(Reader& in) {
     }
     case 9: sendFrom(idOf(a), b); break;
     case 10: c.disconnectType(typeOf(a), b & 1, 3); break;
-    default: c.setDscp(a % 64); break;
+    case 11: c.setDscp(a % 64); break;
+    default: {
+      // Tight enough for a few frames to reach every bound.
+      tavrinConnector::ConnectionLimits limits;
+      limits.maxSendQueueBytes = 16u + a * 8u;
+      limits.maxReceiveQueueFrames = 1u + b % 8;
+      limits.maxReceiveQueueBytes = 16u + b * 8u;
+      limits.maxTCPConnections = 1u + a % 4;
+      limits.maxTCPConnectionsPerAddress = 1u + b % 3;
+      limits.maxLogicalConnectionsPerTCPConnection = 1u + a % 3;
+      tcpCeiling = std::max(limits.maxTCPConnections, c.getTCPConnectionCount());
+      c.setConnectionLimits(limits);
+      break;
+    }
   }
 }
 
@@ -565,7 +590,7 @@ void Harness::checkBooks(bool settled) const {
   const size_t pending = connector->getPendingConnectionCount();
   FUZZ_CHECK(up == static_cast<long>(active));
   FUZZ_CHECK(connector->getTCPConnectionCount() <= static_cast<size_t>(liveSockets));
-  FUZZ_CHECK(master == nullptr || pending == 0);
+  FUZZ_CHECK(master == nullptr || (pending == 0 && master->getTCPConnectionCount() <= tcpCeiling));
   if (!settled) return;
   FUZZ_CHECK(record->alive() == recorded);
   FUZZ_CHECK(tagsMade >= tagsGone);

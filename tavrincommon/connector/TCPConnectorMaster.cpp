@@ -3,6 +3,7 @@
 #include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/connector/internal/ConnectorSupport.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
@@ -23,19 +24,13 @@ using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
 using tavrinNetwork::TCPSocketInterface;
 
+using internal::peerOf;
+using internal::text;
+using internal::yesNo;
+
 namespace {
 
 constexpr int kOrigin = DefaultOrigins::TCPConnector;
-
-const char* yesNo(bool value) { return value ? "yes" : "no"; }
-
-SimpleEndpoint::CharString text(const SimpleEndpoint& endpoint) {
-  return SimpleEndpoint::CharString(endpoint);
-}
-
-const SimpleEndpoint& peerOf(const SingleTCPConnectionEndpoint& connection) {
-  return connection.getTransceiver().getEndpoint();
-}
 
 // The offered versions of a connect or move message, in the order sent (the highest first).
 std::vector<unsigned short> readVersions(InputMessage& message) {

@@ -3,6 +3,7 @@
 #include "tavrincommon/connector/TCPConnectorMaster.h"
 
 #include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/connector/internal/ConnectorSupport.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
@@ -22,13 +23,13 @@ using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::TCPSocketInterface;
 using tavrinScheduler::IOWatchItem;
 
+using internal::peerOf;
+using internal::text;
+using internal::yesNo;
+
 namespace {
 
 constexpr int kOrigin = DefaultOrigins::TCPConnector;
-
-SimpleEndpoint::CharString text(const SimpleEndpoint& endpoint) {
-  return SimpleEndpoint::CharString(endpoint);
-}
 
 // What accept() reports when the process or the system is out of descriptors or buffers: the
 // pending connection stays queued, so the listening socket stays readable.

@@ -3,7 +3,9 @@
 #include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
+#include "tavrincommon/connector/internal/ConnectorSupport.h"
 #include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/network/TCPSocketHelper.h"
 #include "tavrincommon/network/TCPSocketInterface.h"
@@ -18,17 +20,13 @@ using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
 using tavrinNetwork::TCPSocketInterface;
 
+using internal::peerOf;
+using internal::text;
+using internal::yesNo;
+
 namespace {
 
 constexpr int kOrigin = DefaultOrigins::TCPConnector;
-
-SimpleEndpoint::CharString text(const SimpleEndpoint& endpoint) {
-  return SimpleEndpoint::CharString(endpoint);
-}
-
-const SimpleEndpoint& peerOf(const SingleTCPConnectionEndpoint& connection) {
-  return connection.getTransceiver().getEndpoint();
-}
 
 }  // namespace
 
@@ -206,7 +204,7 @@ void TCPConnectorSlave::handleConnectionAcceptMessage(SingleTCPConnectionEndpoin
   bool automatic = false;
   std::unique_ptr<CustomConnectData> data;
   if (!removePendingConnection(connectionId, 0, false, automatic, data)) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                "Ignoring connection accept message for connection %u (type %u, remote connection "
                "id: %u) from TCP endpoint %s (cluster id %u): Connection not pending!",
                connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId);
@@ -221,7 +219,7 @@ void TCPConnectorSlave::handleConnectionAcceptMessage(SingleTCPConnectionEndpoin
   }
   const int reason = typeFound ? DisconnectReason::noCompatibleConnectionHandler
                                : DisconnectReason::noConnectionHandler;
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
              "Failed to accept connection %u (type %u, remote connection id: %u, version %u) to "
              "TCP endpoint %s (cluster id %u): No connection handler %s!",
              connectionId, unsigned{type}, remoteConnectionId, unsigned{version}, text(peer).c_str(),
@@ -246,13 +244,13 @@ void TCPConnectorSlave::handleConnectionRejectMessage(SingleTCPConnectionEndpoin
   std::unique_ptr<CustomConnectData> data;
   const SimpleEndpoint peer = peerOf(connection);
   if (removePendingConnection(connectionId, reason, true, automatic, data)) {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Rejected connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
                "(cluster id %u): %s (%d)!",
                connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId,
                DisconnectReason::getText(long{reason}), reason);
   } else {
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                "Ignoring connection reject message for connection %u (type %u, remote connection "
                "id: %u) from TCP endpoint %s (cluster id %u): Connection not pending!",
                connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId);
@@ -263,7 +261,7 @@ void TCPConnectorSlave::handleConnectMessage(SingleTCPConnectionEndpoint& connec
                                              unsigned clusterId, unsigned connectionId,
                                              unsigned short type, unsigned remoteConnectionId,
                                              unsigned remoteDeviceId, InputMessage& /*message*/) {
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
              "Received connect message for connection %u (type %u, remote connection id: %u) from "
              "TCP endpoint %s (cluster id %u, device id: %u); ignoring on client",
              connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
@@ -274,7 +272,7 @@ void TCPConnectorSlave::handleMoveMessage(SingleTCPConnectionEndpoint& connectio
                                           unsigned clusterId, unsigned connectionId,
                                           unsigned short type, unsigned remoteConnectionId,
                                           unsigned remoteDeviceId, InputMessage& /*message*/) {
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
              "Received move connection message for connection %u (type %u, remote connection id: "
              "%u) from TCP endpoint %s (cluster id %u, device id: %u); ignoring on client",
              connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),

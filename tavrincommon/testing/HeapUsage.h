@@ -15,7 +15,8 @@
 #endif
 
 #ifdef TAVRIN_TESTING_SANITIZER_HEAP
-#include <sanitizer/allocator_interface.h>
+// Part of every sanitizer runtime; declared here because g++ ships no header for it.
+extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
 #else
 #include <malloc.h>
 #endif

@@ -23,6 +23,15 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
 
 namespace tavrinTesting {
 
+// True in sanitizer builds, whose runtime keeps an allocator (and needs descriptors) of its own.
+constexpr bool sanitizerBuild() {
+#ifdef TAVRIN_TESTING_SANITIZER_HEAP
+  return true;
+#else
+  return false;
+#endif
+}
+
 inline size_t heldHeapBytes() {
 #ifdef TAVRIN_TESTING_SANITIZER_HEAP
   return __sanitizer_get_current_allocated_bytes();

@@ -299,6 +299,14 @@ void MCAnnounceSlave::handlePacket(const SimpleEndpoint& sender, InputMessage& m
                       senderText.c_str(), masters.size(), maxMasters);
     return;
   }
+  if (isNew && heldFor(sender.getIp()).first >= maxMastersPerAddress) {
+    ++dropCounts.tooManyMasters;
+    ANNOUNCE_PEER_LOG(Warning,
+                      "Dropping message from new master %s: %zu masters known from its address "
+                      "(max %zu)",
+                      senderText.c_str(), heldFor(sender.getIp()).first, maxMastersPerAddress);
+    return;
+  }
   if (!isNew) {
     found->second->timer.start();
     if (found->second->changeCount == changeCount) {
@@ -344,13 +352,15 @@ bool MCAnnounceSlave::admitMasterData(const SimpleEndpoint& sender, const MCAnno
   const bool isNew = found == masters.end();
   const size_t heapBytes = masterEntryHeapBytes() + data.heapBytes();
   const size_t held = isNew ? 0 : found->second->heapBytes;
-  if (masterDataBytes - held + heapBytes > maxMasterDataBytes) {
+  const size_t heldByAddress = heldFor(sender.getIp()).second;
+  if (masterDataBytes - held + heapBytes > maxMasterDataBytes ||
+      heldByAddress - held + heapBytes > maxMasterDataBytesPerAddress) {
     ++(isNew ? dropCounts.newMasterData : dropCounts.masterUpdateData);
     ANNOUNCE_PEER_LOG(Warning,
                       "Dropping message from %s master %s: its data (%zu bytes) would exceed the "
-                      "bound on master data (%zu of %zu bytes held)",
+                      "bound on master data (%zu of %zu bytes held, %zu by its address)",
                       isNew ? "new" : "known", SimpleEndpoint::CharString(sender).c_str(),
-                      heapBytes, masterDataBytes, maxMasterDataBytes);
+                      heapBytes, masterDataBytes, maxMasterDataBytes, heldByAddress);
     return false;
   }
   if (isNew) {
@@ -361,6 +371,16 @@ bool MCAnnounceSlave::admitMasterData(const SimpleEndpoint& sender, const MCAnno
   }
   setMasterHeapBytes(*found->second, heapBytes);
   return true;
+}
+
+std::pair<size_t, size_t> MCAnnounceSlave::heldFor(tavrinNetwork::SimpleIp address) const {
+  std::pair<size_t, size_t> held{0, 0};
+  for (const auto& master : masters) {
+    if (master.first.getIp() != address) continue;
+    ++held.first;
+    held.second += master.second->heapBytes;
+  }
+  return held;
 }
 
 void MCAnnounceSlave::setMasterHeapBytes(MasterEntry& master, size_t heapBytes) {

@@ -52,6 +52,10 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   // unpack to up to 400 KiB), and is 3% of a 64 MB device.
   static constexpr size_t kDefaultMaxMasters = 512;
   static constexpr size_t kDefaultMaxMasterDataBytes = 2 * 1024 * 1024;
+  // One source address (one host, whatever its ports) gets a quarter of either bound at most, so
+  // that a single host cannot lock genuine new masters out until its entries time out.
+  static constexpr size_t kDefaultMaxMastersPerAddress = kDefaultMaxMasters / 4;
+  static constexpr size_t kDefaultMaxMasterDataBytesPerAddress = kDefaultMaxMasterDataBytes / 4;
   // Masters send every 10 s and on a change: 512 of them make some 50 datagrams a second, and
   // the worker empties the queue within a loop turn. The queue only has to absorb a stalled loop;
   // 256 ordinary datagrams hold about 120 KiB, the byte bound four of the largest. The kernel's
@@ -100,6 +104,8 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   // datagram bytes, and the queue bound the heap of each queued message.
   void setMaxMasters(size_t maxMasters_) { maxMasters = maxMasters_; }
   void setMaxMasterDataBytes(size_t maxBytes) { maxMasterDataBytes = maxBytes; }
+  void setMaxMastersPerAddress(size_t maxMasters_) { maxMastersPerAddress = maxMasters_; }
+  void setMaxMasterDataBytesPerAddress(size_t maxBytes) { maxMasterDataBytesPerAddress = maxBytes; }
   void setMaxQueuedDatagrams(size_t maxDatagrams) { maxQueuedDatagrams = maxDatagrams; }
   void setMaxQueuedBytes(size_t maxBytes) { maxQueuedBytes = maxBytes; }
 
@@ -166,6 +172,8 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   void handlePacket(const tavrinNetwork::SimpleEndpoint& sender, InputMessage& message);
   // False (counted, logged) when the data bound leaves no room for `data` as the sender's data.
   // Else the sender's entry exists, created for a new one, and is counted for `data`.
+  // Masters and data bytes held for the masters of one source address.
+  std::pair<size_t, size_t> heldFor(tavrinNetwork::SimpleIp address) const;
   bool admitMasterData(const tavrinNetwork::SimpleEndpoint& sender, const MCAnnounceData& data);
   void setMasterHeapBytes(MasterEntry& master, size_t heapBytes);
   void eraseMaster(MasterMap::iterator master);
@@ -196,6 +204,8 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   std::set<std::pair<unsigned short, ConnectorInterfaceType::Type>> supportedConnectors;
   size_t maxMasters = kDefaultMaxMasters;
   size_t maxMasterDataBytes = kDefaultMaxMasterDataBytes;
+  size_t maxMastersPerAddress = kDefaultMaxMastersPerAddress;
+  size_t maxMasterDataBytesPerAddress = kDefaultMaxMasterDataBytesPerAddress;
   size_t maxQueuedDatagrams = kDefaultMaxQueuedDatagrams;
   size_t maxQueuedBytes = kDefaultMaxQueuedBytes;
   size_t masterDataBytes = 0;

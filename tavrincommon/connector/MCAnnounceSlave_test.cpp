@@ -192,8 +192,8 @@ TEST_F(MCAnnounceSlaveTest, LocalRemovalLowersTheChangeCountSoTheNextMessageRest
 
 TEST_F(MCAnnounceSlaveTest, WorkerYieldsAfterItsBudgetWithTheRestQueued) {
   for (unsigned i = 0; i < 200; ++i) {
-    fake->addDatagram(SimpleEndpoint(SimpleIp("127.0.0.1"), static_cast<unsigned short>(10000 + i)),
-                      announceFrame(1, {{i, 1, true}}));
+    const std::string host = "127.0.0." + std::to_string(1 + i);
+    fake->addDatagram(SimpleEndpoint(SimpleIp(host.c_str()), 10000), announceFrame(1, {{i, 1, true}}));
     slave->socketCallback(kIn);
   }
   EXPECT_EQ(slave->getReceiveQueueSize(), 200u);
@@ -212,6 +212,16 @@ TEST_F(MCAnnounceSlaveTest, WorkerYieldsAfterItsBudgetWithTheRestQueued) {
   onAdded = nullptr;
   EXPECT_TRUE(runUntil(scheduler, [&] { return slave->getReceiveQueueSize() == 0; }, 10s));
   EXPECT_EQ(slave->getMasters().size(), 200u);
+}
+
+TEST_F(MCAnnounceSlaveTest, OneHostGetsAShareOfTheBoundsAndOtherHostsStillGetIn) {
+  slave->setMaxMastersPerAddress(2);
+  for (unsigned port = 6000; port < 6004; ++port)
+    deliver(SimpleEndpoint(SimpleIp("127.0.0.9"), static_cast<unsigned short>(port)),
+            announceFrame(1, {{port, 1, true}}));
+  EXPECT_EQ(slave->getDropCounts().tooManyMasters, 2u);
+  deliver(SimpleEndpoint(SimpleIp("127.0.0.10"), 6000), announceFrame(1, {{1, 1, true}}));
+  EXPECT_EQ(slave->getMasters().size(), 3u) << "another host's master is taken in";
 }
 
 TEST_F(MCAnnounceSlaveTest, BoundsDropWhatNewSendersBringWhileKnownMastersKeepWorking) {

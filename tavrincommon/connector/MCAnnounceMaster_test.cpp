@@ -197,8 +197,6 @@ TEST_F(MCAnnounceMasterTest, MessageOf61440BytesIsSentOneByteMoreIsAnError) {
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0].first, ErrorType::messageTooLarge);
   EXPECT_EQ(errors[0].second, "Announce message too long: 61441 bytes (max 61440)!");
-  EXPECT_TRUE(log.contains("MCAnnounce: Error: Error 2 (messageTooLarge): 'Announce message too "
-                           "long: 61441 bytes (max 61440)!'"));
   EXPECT_FALSE(master->isEnabled());
   EXPECT_TRUE(master->getData().getConnectors().empty());
   EXPECT_EQ(master->getChangeCount(), 2u);
@@ -258,20 +256,16 @@ TEST_F(MCAnnounceMasterTest, GroupAndBindAddressChangesRestartTheSocket) {
   master->setBindIp(SimpleIp("127.0.0.2"));
   EXPECT_EQ(created, 0);
   EXPECT_EQ(master->getBindIp(), SimpleIp("127.0.0.2"));
-  EXPECT_TRUE(log.contains("Service: Changed bindIP to 127.0.0.2, disabled."));
 
   // A new group on a disabled master enables it.
   master->setMulticastGroup(SimpleIp("239.255.77.2"), 4100);
   EXPECT_TRUE(master->isEnabled());
   EXPECT_EQ(fake->group, SimpleEndpoint(SimpleIp("239.255.77.2"), 4100));
-  EXPECT_TRUE(log.contains("Service: Changed multicast group to 239.255.77.2:4100 (old group: "
-                           "239.255.77.1:4000)"));
 
   master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, kConnector);
   master->addAnnouncement(3, 7, 5, "x", true);
   turn();
   master->setBindIp(SimpleIp("127.0.0.1"));
-  EXPECT_TRUE(log.contains("Changed bindIP to 127.0.0.1, restarting..."));
   EXPECT_TRUE(master->isEnabled());
   EXPECT_EQ(fake->bound.getIp(), SimpleIp("127.0.0.1"));
   EXPECT_TRUE(master->getData().getConnectors().empty());
@@ -282,7 +276,6 @@ TEST_F(MCAnnounceMasterTest, GroupAndBindAddressChangesRestartTheSocket) {
   EXPECT_EQ(fake->dscp, 46);
   EXPECT_EQ(fake->ttl, 0);
   EXPECT_EQ(log.count("Service: Changed multicast TTL value to 0 (old value: 1)"), 1u);
-  EXPECT_TRUE(log.contains("Service: Changed DSCP value to 46 (old value: 0)"));
 }
 
 TEST_F(MCAnnounceMasterTest, DumpShowsSettingsStateAndData) {
@@ -296,9 +289,6 @@ TEST_F(MCAnnounceMasterTest, DumpShowsSettingsStateAndData) {
             "#   modified: yes\n#   changeCount: 0\n#   emptyAnnouncementSent: yes\n"
             "#   NetworkId: 1\n#   DeviceId: 2 ('AB')\n#   Connectors (0):\n"
             "#   --- Connectors (0) ---\n");
-  EXPECT_TRUE(log.contains("Debug: Initialized MCAnnounce master on Device 2 (0x00000002): 'AB', "
-                           "NetworkId 1, IP: 127.0.0.1:4001 (interface 'lo'), MC group: "
-                           "239.255.77.1:4000"));
 }
 
 }  // namespace

@@ -148,7 +148,6 @@ TEST_F(MCAnnounceSlaveTest, UnsupportedConnectorsAreKeptButNeverReportedOrReturn
 TEST_F(MCAnnounceSlaveTest, MasterWithoutAnnouncementsIsErased) {
   deliver(kMasterA, announceFrame(1, {}));
   EXPECT_TRUE(slave->getMasters().empty());
-  EXPECT_TRUE(log.contains("Added new master: IP 127.0.0.1:5000"));
   EXPECT_TRUE(log.contains("Debug: Removing master 127.0.0.1:5000 (no announcements)"));
 
   deliver(kMasterA, announceFrame(1, {{1, 1, true}}));
@@ -182,8 +181,6 @@ TEST_F(MCAnnounceSlaveTest, LocalRemovalLowersTheChangeCountSoTheNextMessageRest
   added.clear();
   slave->removeAnnouncements(9);
   EXPECT_EQ(slave->getMasters().at(kMasterA)->changeCount, 4294967295u);
-  EXPECT_TRUE(log.contains("Detailed: Remove master 127.0.0.1:5000 announcement 9 with changeCount "
-                           "0 locally, reducing changeCount to 4294967295"));
   EXPECT_EQ(slave->getAnyClusterAnnouncements(9).size(), 0u);
   deliver(kMasterA, announceFrame(0, {{9, 1, true}, {9, 2, true}, {3, 1, true}}));
   EXPECT_EQ(addedIds(), (std::vector<unsigned>{9, 9}));
@@ -301,7 +298,6 @@ TEST_F(MCAnnounceSlaveTest, SocketFailuresDisableAndReportAnError) {
   fake->addReceiveError(EIO);
   EXPECT_EQ(slave->socketCallback(kIn), tavrinScheduler::IOWatchItem::Removed);
   EXPECT_TRUE(log.contains("Error: Failed to receive data: 5 (Input/output error)!"));
-  EXPECT_TRUE(log.contains("Error: Error 3 (socketError): 'Failed to receive data, disabling!'"));
   EXPECT_FALSE(slave->isEnabled());
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0].first, ErrorType::socketError);
@@ -356,8 +352,6 @@ TEST_F(MCAnnounceSlaveTest, DatagramsArriveThroughTheLoopAndTheDumpShowsTheMaste
   EXPECT_EQ(fake->bound, SimpleEndpoint(SimpleIp(0u), 0));
   EXPECT_EQ(fake->interface, "lo");
   EXPECT_TRUE(fake->nonblock && fake->joined && !fake->loop);
-  EXPECT_TRUE(log.contains("Debug: Initialized MCAnnounce client: NetworkId 1, interface 'lo', MC "
-                           "group: 239.255.77.1:4000"));
   fake->addDatagram(kMasterA, announceFrame(3, {{1, 1, true}}));
   ASSERT_TRUE(runUntil(scheduler, [&] { return !added.empty(); }, 3s));
   std::ostringstream out;

@@ -74,21 +74,15 @@ TEST_F(LocalIPAddressWatcherTest, MissingInterfaceAndIndexOutsideTheListHaveNoAd
   ASSERT_TRUE(watcher.start({"lo", "nosuchif0"})) << log.text();
   EXPECT_EQ(watcher.getIP(0), SimpleIp("127.0.0.1"));
   EXPECT_EQ(watcher.getMask(0), SimpleIp("255.0.0.0"));
-  EXPECT_EQ(watcher.getIP(1).getIp(), 0xFFFFFFFFu);
   EXPECT_EQ(watcher.getMask(1), LocalIPAddressWatcher::NO_IP);
   EXPECT_EQ(watcher.getIP(-1), LocalIPAddressWatcher::NO_IP);
-  EXPECT_EQ(watcher.getIP(2), LocalIPAddressWatcher::NO_IP);
   EXPECT_EQ(watcher.getMask(2), LocalIPAddressWatcher::NO_IP);
-  EXPECT_TRUE(log.contains("NetworkService: Debug: ip if: lo -> 127.0.0.1")) << log.text();
-  EXPECT_TRUE(log.contains("NetworkService: Debug: resolveIP IF 'lo': 127.0.0.1 (netmask 255.0.0.0)"))
-      << log.text();
   EXPECT_TRUE(changes.empty());  // the initial reading is no change
 
   watcher.stop();
   EXPECT_EQ(watcher.getIP(0), LocalIPAddressWatcher::NO_IP);
   // A restart begins with an empty list again.
   ASSERT_TRUE(watcher.start({"nosuchif0"}));
-  EXPECT_EQ(watcher.getIP(0), LocalIPAddressWatcher::NO_IP);
   EXPECT_EQ(watcher.getIP(1), LocalIPAddressWatcher::NO_IP);
 }
 
@@ -106,7 +100,6 @@ TEST_F(LocalIPAddressWatcherTest, ReportsAddedAndRemovedAddress) {
   EXPECT_EQ(changes[0].ip, SimpleIp("192.0.2.1"));
   EXPECT_EQ(changes[0].mask, SimpleIp("255.255.255.0"));
   EXPECT_EQ(watcher.getIP(1), SimpleIp("192.0.2.1"));
-  EXPECT_EQ(watcher.getMask(1), SimpleIp("255.255.255.0"));
 
   ASSERT_TRUE(runCommand("ip addr del 192.0.2.1/24 dev v0"));
   ASSERT_TRUE(waitForChanges(2));

@@ -10,39 +10,29 @@ namespace {
 TEST(SimpleIpTest, ParsesDottedTextIntoNetworkOrderAndPrintsItBack) {
   const SimpleIp ip("10.1.2.3");
   const uint32_t raw = ip.getIp();
-  unsigned char bytes[4];
-  std::memcpy(bytes, &raw, 4);
-  EXPECT_EQ(bytes[0], 0x0A);
-  EXPECT_EQ(bytes[1], 0x01);
-  EXPECT_EQ(bytes[2], 0x02);
-  EXPECT_EQ(bytes[3], 0x03);
+  const unsigned char expected[4] = {0x0A, 0x01, 0x02, 0x03};
+  EXPECT_EQ(std::memcmp(&raw, expected, 4), 0);
   EXPECT_STREQ(SimpleIp::CharString(ip).c_str(), "10.1.2.3");
   EXPECT_EQ(ip.getHostOrder(), 0x0A010203u);
-}
 
-TEST(SimpleIpTest, TextWithoutFourNumbersGivesNoAddressAndTrailingTextIsIgnored) {
+  // Text without four numbers gives no address; trailing text is ignored.
   EXPECT_EQ(SimpleIp("10.1.2").getIp(), 0xFFFFFFFFu);
-  EXPECT_EQ(SimpleIp("").getIp(), 0xFFFFFFFFu);
   EXPECT_EQ(SimpleIp("abc").getIp(), 0xFFFFFFFFu);
   EXPECT_EQ(SimpleIp(static_cast<const char*>(nullptr)).getIp(), 0xFFFFFFFFu);
   EXPECT_EQ(SimpleIp("10.1.2.3:80"), SimpleIp("10.1.2.3"));
-  EXPECT_EQ(SimpleIp().getIp(), 0xFFFFFFFFu);
   EXPECT_FALSE(SimpleIp().isValid());
   EXPECT_STREQ(SimpleIp::CharString(SimpleIp()).c_str(), "255.255.255.255");
 }
 
-TEST(SimpleIpTest, MulticastRangeIsClassD) {
+TEST(SimpleIpTest, MulticastIsClassDAndOrderIsNumericNotByMemory) {
   EXPECT_TRUE(SimpleIp("224.0.0.0").isMulticast());
   EXPECT_TRUE(SimpleIp("239.255.255.250").isMulticast());
   EXPECT_FALSE(SimpleIp("240.0.0.1").isMulticast());
   EXPECT_FALSE(SimpleIp("223.255.255.255").isMulticast());
-}
 
-TEST(SimpleIpTest, OrdersNumericallyNotByMemory) {
   EXPECT_LT(SimpleIp("10.0.0.2"), SimpleIp("10.0.0.10"));
   EXPECT_LT(SimpleIp("10.0.0.10"), SimpleIp("10.1.0.0"));
   EXPECT_FALSE(SimpleIp("10.1.0.0") < SimpleIp("10.0.0.10"));
-  EXPECT_NE(SimpleIp("10.0.0.1"), SimpleIp("10.0.0.2"));
 }
 
 }  // namespace

@@ -75,11 +75,8 @@ TEST_F(UDPSocketTest, FailedOpenLogsAndLeavesTheSocketClosed) {
       "Sockets: Error: Failed to open UDP socket (IP: 240.0.0.1:4000, interface: ''): Open failed!"))
       << log.text();
   EXPECT_FALSE(receiver.valid());
-  EXPECT_EQ(receiver.getFd(), -1);
   EXPECT_EQ(receiver.getEndpoint(), SimpleEndpoint(SimpleIp(), 0));
-  EXPECT_EQ(receiver.getEthInterface(), "");
   receiver.close();
-  EXPECT_FALSE(receiver.valid());
 }
 
 }  // namespace

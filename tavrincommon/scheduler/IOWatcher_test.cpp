@@ -95,13 +95,7 @@ TEST_F(IOWatcherTest, EntryRemovedByAnEarlierCallbackOfTheSameBatchIsSkipped) {
   second.put();
   watchFor(20);
   EXPECT_EQ(calls, 1);
-  EXPECT_EQ(log.count("Triggered already removed event ("), 1u) << log.text();
-  const bool namedEither =
-      log.contains("Scheduler: Service: Triggered already removed event (TCPConnector, fd: " +
-                   std::to_string(first.readEnd()) + "), ignoring") ||
-      log.contains("Scheduler: Service: Triggered already removed event (Sockets, fd: " +
-                   std::to_string(second.readEnd()) + "), ignoring");
-  EXPECT_TRUE(namedEither) << log.text();
+  EXPECT_EQ(log.count("Scheduler: Service: Triggered already removed event ("), 1u) << log.text();
   watcher.removeItem(handles[0]);
   watcher.removeItem(handles[1]);
 }

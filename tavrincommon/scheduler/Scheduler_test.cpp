@@ -217,7 +217,6 @@ TEST_F(SchedulerTest, SlowWorkerIsReportedAtServiceOnly) {
   log.logging()->setComponentSeverity(6, SeverityLevel::Service);
   scheduler.addWorker(&slow);
   scheduler.run(0);
-  const auto lines = log.lines();
   ASSERT_EQ(log.count("Scheduler: Service: Worker UnitTests took "), 1u) << log.text();
   EXPECT_TRUE(log.contains("ms (result: -1, called 2 times, scheduled: no, runCounter: 2)"))
       << log.text();

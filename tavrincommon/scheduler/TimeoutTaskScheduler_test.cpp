@@ -35,7 +35,7 @@ class TimeoutTaskSchedulerTest : public ::testing::Test {
   std::vector<int> order;
 };
 
-TEST_F(TimeoutTaskSchedulerTest, OrdersByDueTimeAcrossTheWrap) {
+TEST_F(TimeoutTaskSchedulerTest, OrdersByDueTimeAcrossTheWrapThenByAddress) {
   const MonotonicMs base(0xFFFFFF00u);  // 256 ms before the 32-bit stamp wraps
   RecordingTask late(order, 1000);
   RecordingTask early(order, 500);
@@ -57,15 +57,11 @@ TEST_F(TimeoutTaskSchedulerTest, OrdersByDueTimeAcrossTheWrap) {
   EXPECT_EQ(order, (std::vector<int>{500, 1000}));
   EXPECT_TRUE(timeouts.empty());
   EXPECT_EQ(next, base + 10000);
-}
 
-TEST_F(TimeoutTaskSchedulerTest, SameMillisecondRunsInAddressOrder) {
+  // Tasks due in the same millisecond run in address order.
+  order.clear();
   RecordingTask tasks[3] = {{order, 0}, {order, 1}, {order, 2}};
-  const MonotonicMs base(1000);
-  timeouts.add(&tasks[2], 5, base);
-  timeouts.add(&tasks[0], 5, base);
-  timeouts.add(&tasks[1], 5, base);
-  MonotonicMs next = base + 100;
+  for (int i : {2, 0, 1}) timeouts.add(&tasks[i], 5, base);
   timeouts.runAndReturnNextTimeout(next, base + 5);
   EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
 }

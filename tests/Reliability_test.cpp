@@ -255,7 +255,9 @@ TEST_F(ReliabilityTest, HeadersOfHugeFramesCostLittleUntilTheIdleClose) {
   });
   EXPECT_TRUE(echoedDuring);
   EXPECT_LT(heapGrowth(), 4 * kMiB) << "64 declared megabytes, none of them sent";
+  EXPECT_TRUE(runUntil([&] { return master.getTCPConnectionCount() == 0; }, 3s));
   for (auto& peer : peers) EXPECT_TRUE(peer->closedByOtherSide());
+  EXPECT_EQ(log.count("Keep alive timer expired"), kBurst) << "64 idle closes, rate-limited";
 }
 
 TEST_F(ReliabilityTest, BlocksDeclaredFarLongerThanTheirFramesAreDropped) {

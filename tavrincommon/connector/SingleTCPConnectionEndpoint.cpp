@@ -4,6 +4,7 @@
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/internal/HeapCost.h"
 #include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/network/TCPSocketHelper.h"
 #include "tavrincommon/network/TCPSocketInterface.h"
@@ -131,9 +132,11 @@ void SingleTCPConnectionEndpoint::dataReceived() {
 }
 
 void SingleTCPConnectionEndpoint::keepAliveTimerExpired() {
-  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
-             "Keep alive timer expired on TCP connection socket %s, closing the connection!",
-             SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str());
+  // A host that opens connections and leaves them idle would otherwise write a line for each.
+  TAVRIN_LOG_LIMITED(transceiver.getLogRateLimiter(), logging, kOrigin, SeverityLevel::Service,
+                     "Keep alive timer expired on TCP connection socket %s, closing the "
+                     "connection!",
+                     SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str());
   transceiver.disconnect();
 }
 

@@ -86,6 +86,7 @@ class TCPTransceiver {
   bool wasClosedAsSlowConsumer() const { return closedAsSlowConsumer; }
   // Lines caused by the peer's input go through this limiter when one is given (not owned).
   void setLogRateLimiter(tavrinLog::LogRateLimiter* limiter) { rateLimiter = limiter; }
+  tavrinLog::LogRateLimiter* getLogRateLimiter() const { return rateLimiter; }
 
   const tavrinNetwork::SimpleEndpoint& getEndpoint() const { return endpoint; }
   tavrinNetwork::TCPSocketInterface* getSocket() const { return socket.get(); }

@@ -65,8 +65,7 @@ TEST_F(SingleTCPConnectionEndpointTest, ConnectionWithoutLogicalConnectionsClose
                            "closing the connection!"));
   std::ostringstream out;
   endpoint->dump(out, "> ");
-  EXPECT_EQ(out.str(), "> 127.0.0.1:4000: not connected\n"
-                       ">   Logical Connections: none (idleTimer expired)\n");
+  EXPECT_NE(out.str().find("Logical Connections: none (idleTimer expired)"), std::string::npos);
 
   // Without an idle time of its own the idle period is the keep-alive time-out.
   make(0, 100);

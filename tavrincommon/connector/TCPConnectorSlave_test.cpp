@@ -91,8 +91,6 @@ TEST_F(TCPConnectorSlaveTest, GreetsANewTCPConnectionThenAsksWithItsVersionsHigh
   EXPECT_EQ(sockets[0]->written, version + connect);
   EXPECT_TRUE(slave.isPending(7));
   EXPECT_TRUE(slave.getTCPConnection(master)->hasLogicalConnection(7));
-  EXPECT_TRUE(log.contains("Started to create connection 7 (type 5, remote connection id: 12) to "
-                           "TCP endpoint 127.0.0.1:4000 (cluster id 8), waiting for response..."));
 
   // The second request reuses the connection; an automatic one asks for 0xFFFFFFFF.
   EXPECT_EQ(slave.connectAutomatic(master, 8, 5, nullptr), 1u);

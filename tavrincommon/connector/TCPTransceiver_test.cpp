@@ -266,10 +266,6 @@ TEST_F(TCPTransceiverTest, PartialWritesAndEagainWaitForTheWritableEvent) {
   transceiver->send(messageOf("second"));
   EXPECT_EQ(fake->sendCalls, 1);  // queued behind the pending frame, not written yet
   EXPECT_EQ(transceiver->socketCallback(kOut), kIn | kOut);
-  EXPECT_TRUE(log.contains("Failed to send data (12 bytes) on TCP connection socket "
-                           "127.0.0.1:4000 (11 (Resource temporarily unavailable)), retrying "
-                           "later!"))
-      << log.text();
   EXPECT_EQ(transceiver->socketCallback(kOut), kIn);
   EXPECT_EQ(fake->written, first + second);
   EXPECT_EQ(changes, (std::vector<int>{kIn | kOut, kIn}));
@@ -305,7 +301,6 @@ TEST_F(TCPTransceiverTest, MessageSentWhileConnectingIsWrittenOnceConnected) {
   EXPECT_EQ(transceiver->socketCallback(kOut), kIn);
   EXPECT_TRUE(transceiver->isConnected());
   EXPECT_EQ(fake->written, frameOf(4, 1, "early"));
-  EXPECT_TRUE(log.contains("Connected endpoint 127.0.0.1:4000"));
 
   make(false);
   fake->pendingError = true;
@@ -322,7 +317,6 @@ TEST_F(TCPTransceiverTest, DisconnectTwiceTellsTheOwnerOnce) {
   EXPECT_EQ(disconnected, 1);
   EXPECT_EQ(fake->closeCalls, 1);
   EXPECT_EQ(transceiver->getSendQueueSize(), 0u);
-  EXPECT_TRUE(log.contains("Disconnecting endpoint 127.0.0.1:4000..."));
   transceiver.reset();
   EXPECT_EQ(disconnected, 1);
 }

@@ -69,9 +69,6 @@ TEST_F(MulticastSocketTest, JoinsReceivesItsGroupAndLeavesOnClose) {
   ASSERT_TRUE(openOnLoopback(socket)) << log.text();
   EXPECT_TRUE(socket.valid());
   EXPECT_TRUE(socket.isJoined());
-  EXPECT_EQ(socket.getMcEndpoint(), SimpleEndpoint(group, port));
-  EXPECT_EQ(socket.getBoundEndpoint(), SimpleEndpoint(kLoopback, 0));
-  EXPECT_EQ(socket.getEthInterface(), "lo");
   EXPECT_NE(socket.getUnicastFd(), socket.getFd());
   EXPECT_TRUE(kernelHasMembership("lo", group));
 

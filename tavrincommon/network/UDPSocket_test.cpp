@@ -36,9 +36,6 @@ class UDPSocketTest : public ::testing::Test {
 TEST_F(UDPSocketTest, ReceiveFromReportsTheRealLengthOfACutDatagram) {
   ASSERT_TRUE(sender.open(kLoopback, 0, "", true)) << log.text();
   ASSERT_TRUE(receiver.open(kLoopback, 0, "lo", true)) << log.text();
-  EXPECT_EQ(receiver.getEndpoint(), SimpleEndpoint(kLoopback, 0));
-  EXPECT_EQ(receiver.getEthInterface(), "lo");
-  EXPECT_TRUE(receiver.isNonblock());
 
   std::vector<unsigned char> datagram(3000);
   for (size_t i = 0; i < datagram.size(); ++i) datagram[i] = static_cast<unsigned char>(i);

@@ -152,10 +152,7 @@ TEST_F(MasterSlaveTest, AcceptsWithTheHighestCommonVersionAndCarriesDataBothWays
   EXPECT_EQ(own->getClusterId(), kCluster);
   EXPECT_EQ(remote->getRemoteConnectionId(), 7u);
   EXPECT_EQ(remote->getRemoteDeviceId(), kSlaveDevice);
-  EXPECT_FALSE(own->isAutomatic());
   EXPECT_EQ(own->getRemoteEndpoint(), endpoint);
-  EXPECT_TRUE(log.contains("Created connection 12 (type 5, version 2) with TCP endpoint 127.0.0.1:"))
-      << log.text();
 
   own->send("hello");
   remote->send(std::string("w\0rld", 5));
@@ -206,12 +203,6 @@ TEST_F(MasterSlaveTest, RejectsWithTheReasonOfTheFirstFailingCheck) {
   }
   EXPECT_TRUE(log.contains("Cannot create connection 99 (type 5, remote connection id: 100) on "
                            "TCP endpoint 127.0.0.1:"));
-  EXPECT_TRUE(log.contains("wrong cluster id 7 (own: 8)!"));
-  EXPECT_TRUE(log.contains("Cannot create automatic connection type 5 (remote connection id: 101)"));
-  EXPECT_TRUE(log.contains("connection already exists!"));
-  EXPECT_TRUE(log.contains("Cannot create connection 20 (type 6, remote connection id: 106) on TCP "
-                           "endpoint"));
-  EXPECT_TRUE(log.contains("no compatible connection handler found!"));
   // The refused requests left the first connection and its TCP connection alone.
   EXPECT_TRUE(slave.handler(1)->isConnected());
   EXPECT_EQ(slave.connector.getTCPConnectionCount(), 1u);
@@ -389,7 +380,6 @@ TEST_F(MasterSlaveTest, KeepAliveClosesAPeerThatFallsSilent) {
   ASSERT_TRUE(run([&] { return masterRecord->count("disconnected") == 1; }, 5s)) << log.text();
   EXPECT_GE(std::chrono::steady_clock::now() - start, 700ms);
   EXPECT_EQ(masterRecord->lastOf("disconnected").reason, DisconnectReason::connectionInterrupted);
-  EXPECT_TRUE(log.contains("Keep alive timer expired on TCP connection socket 127.0.0.1:"));
   ASSERT_TRUE(run([&] { return slave.record->count("disconnected") == 1; }));
   EXPECT_EQ(slave.record->lastOf("disconnected").reason, DisconnectReason::connectionInterrupted);
 }
@@ -421,8 +411,6 @@ TEST_F(MasterSlaveTest, DisablingRejectsPendingAndEndsActiveConnections) {
 TEST_F(MasterSlaveTest, SetIpRestartsTheMasterOnTheNewAddress) {
   Slave& slave = startWithSlave(true);
   master.setIp(SimpleIp("127.0.0.2"));
-  EXPECT_TRUE(log.contains("Changed TCPConnector Panel Master 1 IP to 127.0.0.2 (old: 127.0.0.1), "
-                           "restarting..."));
   ASSERT_TRUE(master.isListening());
   EXPECT_EQ(master.getListeningEndpoint().getIp(), SimpleIp("127.0.0.2"));
   ASSERT_TRUE(run([&] { return slave.record->count("disconnected") == 1; }));
@@ -483,9 +471,6 @@ TEST_F(MasterSlaveTest, AnAcceptTheSlaveCannotServeEndsTheMasterSideAndFreesTheI
   ASSERT_TRUE(run([&] { return slave.rejectedCount() == 1; })) << log.text();
   EXPECT_EQ(slave.rejected()[0].reason, DisconnectReason::noCompatibleConnectionHandler);
   EXPECT_EQ(slave.rejected()[0].remoteConnectionId, 12u);
-  EXPECT_TRUE(log.contains("Failed to accept connection 7 (type 5, remote connection id: 12, "
-                           "version 2) to TCP endpoint 127.0.0.1:"));
-  EXPECT_TRUE(log.contains("No connection handler with this version!"));
   SingleTCPConnectionEndpoint* connection = slave.connector.getTCPConnection(endpoint);
   ASSERT_NE(connection, nullptr);
   EXPECT_FALSE(connection->hasLogicalConnection(7));

@@ -47,7 +47,7 @@ TEST_F(OutputMessageTest, FieldsAreLittleEndianAndFinalizingTwiceGivesTheSameFra
                                                      0x5A}));
 }
 
-TEST_F(OutputMessageTest, LongStringIsCutTo255Bytes) {
+TEST_F(OutputMessageTest, LongStringIsCutTo255BytesAndALargePayloadGrowsTheBufferOnce) {
   OutputMessage message;
   std::string text(300, 'q');
   text[254] = 'e';
@@ -57,16 +57,14 @@ TEST_F(OutputMessageTest, LongStringIsCutTo255Bytes) {
   EXPECT_EQ(static_cast<unsigned char>(message.getData()[10]), 0xFF);
   EXPECT_EQ(message.getData()[10 + 255], 'e');
   EXPECT_EQ(static_cast<unsigned char>(message.getData()[10 + 256]), 0x5A);
-}
 
-TEST_F(OutputMessageTest, LargePayloadGrowsTheBufferOnce) {
-  OutputMessage message;
-  for (unsigned i = 0; i < 1025; ++i) message.putUInt8(static_cast<int>(i));
-  EXPECT_EQ(message.getBuffer().getCapacity(), 2048u);
-  message.finalizeMessage(4, 9);
-  ASSERT_EQ(message.getFrameLength(), 1025u + 11u);
+  OutputMessage large;
+  for (unsigned i = 0; i < 1025; ++i) large.putUInt8(static_cast<int>(i));
+  EXPECT_EQ(large.getBuffer().getCapacity(), 2048u);
+  large.finalizeMessage(4, 9);
+  ASSERT_EQ(large.getFrameLength(), 1025u + 11u);
   for (unsigned i = 0; i < 1025; ++i)
-    ASSERT_EQ(static_cast<unsigned char>(message.getData()[10 + i]), i & 0xFF);
+    ASSERT_EQ(static_cast<unsigned char>(large.getData()[10 + i]), i & 0xFF);
 }
 
 }  // namespace

@@ -149,7 +149,6 @@ TEST_F(TCPConnectorMasterTest, AnswersControlMessagesAndUnknownIds) {
   EXPECT_EQ(notFound.info, 555u);
   EXPECT_TRUE(log.contains("Unsupported message type 10 received from 127.0.0.1:"));
   EXPECT_TRUE(log.contains("(additional Info: 5, data length: 14 bytes), ignoring"));
-  EXPECT_TRUE(log.contains("No logical connection with connection Id 555 on local TCP endpoint"));
 
   send(frame(6, 556, Bytes().u32(1).data));
   notFound = next();
@@ -159,7 +158,6 @@ TEST_F(TCPConnectorMasterTest, AnswersControlMessagesAndUnknownIds) {
   send(frame(6, 0xFFFFFFFFu, Bytes().u32(static_cast<uint32_t>(-1)).data));
   EXPECT_TRUE(peerClosed());
   EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }));
-  EXPECT_TRUE(log.contains("TCP disconnect message received from TCP endpoint 127.0.0.1:"));
 }
 
 TEST_F(TCPConnectorMasterTest, AnIncompatibleVersionEndsTheTCPConnection) {
@@ -226,7 +224,6 @@ TEST_F(TCPConnectorMasterTest, ConfigurationIsCheckedAndDumped) {
   ASSERT_EQ(next().type, 9);
   master.addAllowedConnection(12, 6);
   EXPECT_EQ(record->lastOf("disconnected").reason, DisconnectReason::allowedConnectionRemoved);
-  EXPECT_TRUE(log.contains("Replacing allowed connection 12 type 5 -> 6"));
 
   std::ostringstream out;
   master.dump(out, "# ");

@@ -14,9 +14,7 @@
 namespace tavrinConnector {
 
 using internal::keysOf;
-using internal::monotonicIn;
 using internal::peerOf;
-using internal::reached;
 using internal::text;
 using internal::yesNo;
 using tavrinCommon::DefaultOrigins;

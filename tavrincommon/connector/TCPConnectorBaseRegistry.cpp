@@ -8,21 +8,17 @@
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 
-#include <set>
 #include <utility>
 
 namespace tavrinConnector {
 
 using internal::keysOf;
 using internal::monotonicIn;
-using internal::peerOf;
 using internal::reached;
 using internal::text;
-using internal::yesNo;
 using tavrinCommon::DefaultOrigins;
 using tavrinLog::SeverityLevel;
 using tavrinNetwork::SimpleEndpoint;
-using tavrinNetwork::SimpleIp;
 
 namespace {
 constexpr int kOrigin = DefaultOrigins::TCPConnector;

@@ -9,6 +9,7 @@
 #include "tavrincommon/network/TCPSocketInterface.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 #include "tavrincommon/testing/ConnectorFrames.h"
+#include "tavrincommon/testing/Emulation.h"
 #include "tavrincommon/testing/HeapUsage.h"
 #include "tavrincommon/testing/LogCapture.h"
 #include "tavrincommon/testing/RawPeer.h"
@@ -321,8 +322,9 @@ TEST_F(ReliabilityTest, ConnectionLimitsRefuseTheSurplusAndKeepServingTheRest) {
 }
 
 TEST_F(ReliabilityTest, OutOfDescriptorsPausesAcceptingInsteadOfSpinning) {
-  if (tavrinTesting::sanitizerBuild())
-    GTEST_SKIP() << "the sanitizer runtime opens descriptors of its own, which this test takes away";
+  if (tavrinTesting::sanitizerBuild() || tavrinTesting::underEmulation())
+    GTEST_SKIP() << "the sanitizer runtime or the emulator opens descriptors of its own, which "
+                    "this test takes away";
   rlimit original{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &original), 0);
   // Room for the peers' own sockets and nothing for the master to accept into. Two fit in the

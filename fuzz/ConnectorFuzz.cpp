@@ -13,6 +13,7 @@
 // delivers the record in two halves with a turn of the loop in between, bit 7 turns the loop after
 // the record.
 #include "FuzzCheck.h"
+#include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
 #include "tavrincommon/connector/TCPConnectorMaster.h"
 #include "tavrincommon/connector/TCPConnectorSlave.h"
 #include "tavrincommon/connector/TestCounterData.h"
@@ -31,6 +32,7 @@
 #include <cstdlib>
 #include <deque>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -211,10 +213,12 @@ class Harness {
   int tagsGone = 0;
   long simpleUp = 0, simpleDown = 0, counterUp = 0, counterDown = 0;
   int requestBudget = kRequestBudget;
-  uint8_t nextSocket = 0;
+  uint8_t nextSocket = 0;  // the slave's next socket: 1 none, 2 failing connect, 3 pending connect
   bool acceptFails = false;
+  std::set<SimpleEndpoint> endpoints;  // every peer there has been
+  std::set<unsigned> seenIds;          // every id a handler has been connected under
   // The master's TCP connections: limits apply to what comes next, not to what is there.
-  size_t tcpCeiling = tavrinConnector::ConnectionLimits::kDefaultMaxTCPConnections;  // the slave's next socket: 1 none, 2 failing connect, 3 pending connect
+  size_t tcpCeiling = tavrinConnector::ConnectionLimits::kDefaultMaxTCPConnections;
   unsigned short nextPort = 50000;
   std::shared_ptr<tavrinTesting::HandlerRecord> record =
       std::make_shared<tavrinTesting::HandlerRecord>();
@@ -230,6 +234,9 @@ class Harness {
 Harness::Harness(uint8_t options_) : options(options_) {
   record->onReceive = [this](RecordingHandler& handler, const std::string& payload) {
     onPayload(handler, payload);
+  };
+  record->onConnected = [this](RecordingHandler& handler) {
+    seenIds.insert(handler.getConnectionId());
   };
   record->onDisconnected = [this](RecordingHandler&, unsigned, int) { requestAgain(); };
   if (options & 1) {
@@ -249,6 +256,7 @@ Harness::Harness(uint8_t options_) : options(options_) {
         },
         &fuzzLogging());
     connector = slave.get();
+    for (int peer = 0; peer < kPeers; ++peer) endpoints.insert(masterEndpoint(peer));
     slave->initCommon(2, 200, ConnectorInterfaceType::Client, SimpleIp("127.0.0.1"),
                       tavrinConnector::ConnectionTimeout{}, false);
     registerHandlers();
@@ -302,8 +310,9 @@ void Harness::registerHandlers() {
   connector->addConnectionHandler(SimpleConnectorHandler::kType, 1, [this] {
     return std::make_unique<SimpleConnectorHandler>(
         1,
-        [this](SimpleIp, unsigned remoteId, unsigned, SimpleConnectorHandler*) {
+        [this](SimpleIp, unsigned remoteId, unsigned id, SimpleConnectorHandler*) {
           ++simpleUp;
+          seenIds.insert(id);
           return remoteId % 8 != 7;
         },
         [this](SimpleIp, unsigned, unsigned, int) { ++simpleDown; },
@@ -314,8 +323,9 @@ void Harness::registerHandlers() {
   connector->addConnectionHandler(TestCounterHandler::kType, TestCounterHandler::kVersion, [this] {
     // Linking the one data object to a new handler ends the connection of the one before.
     return std::make_unique<TestCounterHandler>(
-        [this](unsigned, TestCounterHandler* handler) {
+        [this](unsigned id, TestCounterHandler* handler) {
           ++counterUp;
+          seenIds.insert(id);
           handler->linkData(&counterData);
           return true;
         },
@@ -364,8 +374,12 @@ void Harness::sendFrom(unsigned id, uint8_t b) {
   const std::string payload(1 + b % 16, static_cast<char>(b));
   switch (handler->getType()) {
     case SimpleConnectorHandler::kType:
-      static_cast<SimpleConnectorHandler*>(handler)->sendData(
-          payload.data(), static_cast<unsigned>(payload.size()));
+      if (b & 1) {
+        static_cast<SimpleConnectorHandler*>(handler)->sendData({payload, payload});
+      } else {
+        static_cast<SimpleConnectorHandler*>(handler)->sendData(
+            payload.data(), static_cast<unsigned>(payload.size()));
+      }
       break;
     case TestCounterHandler::kType: counterData.setCounter(b); break;
     case kRecordingType: static_cast<RecordingHandler*>(handler)->send(payload); break;
@@ -380,6 +394,7 @@ TrackedSocket* Harness::peerFor(int peer) {
   const unsigned short port =
       (options & 0x80) ? static_cast<unsigned short>(50000 + peer) : nextPort++;
   acceptQueue.emplace_back(std::move(socket), port);
+  endpoints.insert(SimpleEndpoint(SimpleIp("127.0.0.1"), port));
   if (server) server->addChunk("a");
   return peers[peer];
 }
@@ -591,6 +606,24 @@ void Harness::checkBooks(bool settled) const {
   FUZZ_CHECK(up == static_cast<long>(active));
   FUZZ_CHECK(connector->getTCPConnectionCount() <= static_cast<size_t>(liveSockets));
   FUZZ_CHECK(master == nullptr || (pending == 0 && master->getTCPConnectionCount() <= tcpCeiling));
+  // Every id a TCP connection carries belongs to a connection on it or to a request; every
+  // connection is on a TCP connection that carries its id.
+  for (const SimpleEndpoint& peer : endpoints) {
+    const tavrinConnector::SingleTCPConnectionEndpoint* tcp = connector->getTCPConnection(peer);
+    if (!tcp) continue;
+    for (unsigned id : tcp->getLogicalConnections()) {
+      const ConnectionHandlerBase* handler = connector->getConnection(id);
+      FUZZ_CHECK(connector->isPending(id) || (handler && handler->getRemoteEndpoint() == peer));
+    }
+  }
+  for (unsigned id : seenIds) {
+    const ConnectionHandlerBase* handler = connector->getConnection(id);
+    if (!handler) continue;
+    FUZZ_CHECK(handler->isConnected() && handler->getConnectionId() == id);
+    const tavrinConnector::SingleTCPConnectionEndpoint* tcp =
+        connector->getTCPConnection(handler->getRemoteEndpoint());
+    FUZZ_CHECK(tcp && tcp->hasLogicalConnection(id));
+  }
   if (!settled) return;
   FUZZ_CHECK(record->alive() == recorded);
   FUZZ_CHECK(tagsMade >= tagsGone);

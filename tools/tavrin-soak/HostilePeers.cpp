@@ -39,6 +39,7 @@ constexpr int kBackoffMs = 100;
 constexpr int kStallMs = 1000;
 constexpr int kConnectWaitMs = 1000;
 constexpr int kAcceptWaitMs = 3000;
+constexpr auto kAtOnce = std::chrono::seconds(1);
 constexpr short kClosedEvents = POLLRDHUP | POLLHUP | POLLERR;
 
 struct Bytes {
@@ -141,11 +142,12 @@ std::string HostilePeers::report() const {
     const AttackCounters& c = counters[kind];
     char line[256];
     std::snprintf(line, sizeof line,
-                  "  %-16s %d peer%s: %llu connections, %llu closed by the master, %llu frames "
-                  "(%llu bytes) sent\n",
+                  "  %-16s %d peer%s: %llu connections, %llu closed by the master (%llu within "
+                  "a second), %llu frames (%llu bytes) sent\n",
                   attackName(static_cast<Attack>(kind)), count, count == 1 ? "" : "s",
                   static_cast<unsigned long long>(c.connections.load()),
                   static_cast<unsigned long long>(c.closedByMaster.load()),
+                  static_cast<unsigned long long>(c.closedAtOnce.load()),
                   static_cast<unsigned long long>(c.framesSent.load()),
                   static_cast<unsigned long long>(c.bytesSent.load()));
     lines += line;
@@ -208,9 +210,11 @@ void HostilePeers::run(const Peer& peer) {
       continue;
     }
     ++peer.counters->connections;
+    const auto opened = Clock::now();
     const bool closed = attack(peer, fd);
     ::close(fd);
     if (closed) ++peer.counters->closedByMaster;
+    if (closed && Clock::now() - opened < kAtOnce) ++peer.counters->closedAtOnce;
     if (waitFor(-1, 0, closed ? kBackoffMs : 0) < 0) return;
   }
 }

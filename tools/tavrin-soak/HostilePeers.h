@@ -28,6 +28,8 @@ const char* attackName(Attack attack);
 struct AttackCounters {
   std::atomic<uint64_t> connections{0};
   std::atomic<uint64_t> closedByMaster{0};
+  // Of those, closed before a second had passed: refused rather than ended.
+  std::atomic<uint64_t> closedAtOnce{0};
   std::atomic<uint64_t> framesSent{0};
   std::atomic<uint64_t> bytesSent{0};
 };

@@ -386,6 +386,12 @@ int main(int argc, char** argv) {
     std::printf("  hostile peers (%llu of their blocks reached the application):\n%s",
                 static_cast<unsigned long long>(hostileBlocks), hostile.report().c_str());
   }
+  const TCPConnectorBase::BoundCounters& bounds = master.getBoundCounters();
+  std::printf(
+      "  master's bounds: %u slow consumers closed, %u pings not answered, %u TCP connections "
+      "refused, %u connects refused\n",
+      bounds.slowConsumersClosed, bounds.pingsNotAnswered, bounds.tcpConnectionsRefused,
+      bounds.connectsRefused);
   std::printf("  library log lines: %lu errors, %lu warnings\n", logErrors.load(),
               logWarnings.load());
 

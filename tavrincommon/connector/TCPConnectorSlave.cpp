@@ -194,6 +194,16 @@ void TCPConnectorSlave::sendConnectOrMoveMessage(SingleTCPConnectionEndpoint& co
   connection.getTransceiver().send(std::move(message));
 }
 
+// Only the master that was asked answers a request: ids are this slave's own, so another master
+// (or any host on the LAN) could otherwise take over a request it never received, and the id would
+// stay behind on the TCP connection the request went out on.
+bool TCPConnectorSlave::pendingWith(unsigned connectionId, const SimpleEndpoint& peer,
+                                    unsigned short type) const {
+  auto found = pendingConnections.find(connectionId);
+  return found != pendingConnections.end() && found->second.endpoint == peer &&
+         found->second.type == type;
+}
+
 void TCPConnectorSlave::handleConnectionAcceptMessage(SingleTCPConnectionEndpoint& connection,
                                                       unsigned clusterId, unsigned connectionId,
                                                       unsigned short version,
@@ -203,7 +213,8 @@ void TCPConnectorSlave::handleConnectionAcceptMessage(SingleTCPConnectionEndpoin
   const SimpleEndpoint peer = peerOf(connection);
   bool automatic = false;
   std::unique_ptr<CustomConnectData> data;
-  if (!removePendingConnection(connectionId, 0, false, automatic, data)) {
+  if (!pendingWith(connectionId, peer, type) ||
+      !removePendingConnection(connectionId, 0, false, automatic, data)) {
     TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                "Ignoring connection accept message for connection %u (type %u, remote connection "
                "id: %u) from TCP endpoint %s (cluster id %u): Connection not pending!",
@@ -243,7 +254,8 @@ void TCPConnectorSlave::handleConnectionRejectMessage(SingleTCPConnectionEndpoin
   bool automatic = false;
   std::unique_ptr<CustomConnectData> data;
   const SimpleEndpoint peer = peerOf(connection);
-  if (removePendingConnection(connectionId, reason, true, automatic, data)) {
+  if (pendingWith(connectionId, peer, type) &&
+      removePendingConnection(connectionId, reason, true, automatic, data)) {
     TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
                "Rejected connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
                "(cluster id %u): %s (%d)!",

@@ -72,6 +72,9 @@ class TCPConnectorSlave : public TCPConnectorBase {
 
   std::unique_ptr<SingleTCPConnectionEndpoint> createTCPConnection(
       const tavrinNetwork::SimpleEndpoint& endpoint);
+  // The request `connectionId` is pending with `peer`, for `type`.
+  bool pendingWith(unsigned connectionId, const tavrinNetwork::SimpleEndpoint& peer,
+                   unsigned short type) const;
   void sendConnectOrMoveMessage(SingleTCPConnectionEndpoint& connection, unsigned connectionId,
                                 unsigned clusterId, unsigned short type,
                                 unsigned remoteConnectionId, const VersionMap& versions,

@@ -239,9 +239,11 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
         return false;
       }
       frameLength = kFrameHeaderSize + remainingBytes;
-      // Room for the frame's bytes in this read; the rest grows as it arrives. The storage is the
-      // one the delivered message keeps.
-      if (!growFrameStorage(needed + std::min(remainingBytes, n - needed))) return false;
+      // Small frames get their room at once, larger ones for the bytes in this read; the rest
+      // grows as it arrives. The storage is the one the delivered message keeps.
+      const uint32_t room = frameLength <= kEagerFrameStorage ? remainingBytes
+                                                              : std::min(remainingBytes, n - needed);
+      if (!growFrameStorage(needed + room)) return false;
       receiveBuffer.write(data, needed);
       data += needed;
       n -= needed;

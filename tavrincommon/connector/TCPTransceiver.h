@@ -45,6 +45,10 @@ class TCPTransceiver {
   // taken for a slow consumer and its connection closed: 2 MiB is a second of a busy 16 Mbit/s
   // link, far beyond what a peer that reads ever leaves queued, and small beside a device's RAM.
   static constexpr size_t kDefaultMaxSendQueueBytes = 2 * 1024 * 1024;
+  // A frame up to this size gets all of its storage when its header arrives: the common frames
+  // then take one allocation, and a header alone still holds no more than this (4 MiB across a
+  // master's default connection limit). Larger frames grow with the bytes that arrive.
+  static constexpr uint32_t kEagerFrameStorage = 16 * 1024;
 
   // `connected`: false while a non-blocking connect is pending. Registers the socket at once.
   TCPTransceiver(const tavrinNetwork::SimpleEndpoint& peer,

@@ -201,8 +201,9 @@ TEST_F(MasterSlaveTest, RejectsWithTheReasonOfTheFirstFailingCheck) {
     EXPECT_FALSE(slave.connector.isPending(own));
     ++own;
   }
-  EXPECT_TRUE(log.contains("Cannot create connection 99 (type 5, remote connection id: 100) on "
-                           "TCP endpoint 127.0.0.1:"));
+  EXPECT_TRUE(
+      log.contains("Cannot create connection 99 (type 5, remote connection id: 100) on "
+                   "TCP endpoint 127.0.0.1:"));
   // The refused requests left the first connection and its TCP connection alone.
   EXPECT_TRUE(slave.handler(1)->isConnected());
   EXPECT_EQ(slave.connector.getTCPConnectionCount(), 1u);

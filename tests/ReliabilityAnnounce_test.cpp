@@ -88,7 +88,9 @@ TEST_F(ReliabilityAnnounceTest, FloodFromManyPortsStaysWithinTheBoundsAndTheGenu
   master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, SimpleEndpoint(kLoopback, 7000));
   master->addAnnouncement(3, 7, 5, "genuine", true);
   const auto announced = [&](unsigned id) { return slave->getSingleAnnouncement(4, id, 5); };
-  ASSERT_TRUE(runUntil(scheduler, [&] { return announced(7) != nullptr; }, 5s)) << log.text();
+  ASSERT_TRUE(runUntil(
+      scheduler, [&] { return announced(7) != nullptr; }, 5s))
+      << log.text();
 
   const std::string frame = floodFrame();
   ASSERT_LE(frame.size(), MCAnnounceSlave::kReceiveBufferSize);
@@ -103,11 +105,15 @@ TEST_F(ReliabilityAnnounceTest, FloodFromManyPortsStaysWithinTheBoundsAndTheGenu
   for (unsigned i = 0; i < kFloodDatagrams; ++i) {
     // One at a time, so that the kernel's receive buffer drops none and each reaches the bounds.
     ASSERT_TRUE(sendFromNewPort(frame));
-    ASSERT_TRUE(runUntil(scheduler, [&] { return floodHandled() == i + 1; }, 3s, 1)) << i;
+    ASSERT_TRUE(runUntil(
+        scheduler, [&] { return floodHandled() == i + 1; }, 3s, 1))
+        << i;
     // Meanwhile the genuine master changes, and the slave takes the change over.
     if (i == kFloodDatagrams / 2) master->addAnnouncement(3, 8, 5, "change", true);
   }
-  ASSERT_TRUE(runUntil(scheduler, [&] { return announced(8) != nullptr; }, 5s)) << log.text();
+  ASSERT_TRUE(runUntil(
+      scheduler, [&] { return announced(8) != nullptr; }, 5s))
+      << log.text();
   const size_t after = tavrinTesting::heldHeapBytes();
   const auto took = std::chrono::steady_clock::now() - start;
 

@@ -69,9 +69,8 @@ std::unique_ptr<SimpleConnectorHandler> blockHandler(
   auto self = std::make_shared<SimpleConnectorHandler*>(nullptr);
   auto handler = std::make_unique<SimpleConnectorHandler>(
       1, SimpleConnectorHandler::AcceptCallback(), SimpleConnectorHandler::StateCallback(),
-      [self, onData](SimpleIp, unsigned, unsigned, std::unique_ptr<std::vector<unsigned char>>&& data) {
-        onData(**self, *data);
-      },
+      [self, onData](SimpleIp, unsigned, unsigned,
+                     std::unique_ptr<std::vector<unsigned char>>&& data) { onData(**self, *data); },
       nullptr);
   *self = handler.get();
   return handler;
@@ -84,12 +83,14 @@ class ReliabilityTest : public ::testing::Test {
     master.init(1, 100, ConnectorInterfaceType::PanelMaster, kCluster, SimpleIp("127.0.0.1"), 0,
                 false, false, ConnectionTimeout{2, 1}, false);
     master.addConnectionHandler(kType, 1, [this] {
-      return blockHandler([this](SimpleConnectorHandler& handler, std::vector<unsigned char>& data) {
-        ++blocks;
-        bytesDelivered += data.size();
-        if (echo) handler.sendData(reinterpret_cast<const char*>(data.data()),
-                                   static_cast<unsigned>(data.size()));
-      });
+      return blockHandler(
+          [this](SimpleConnectorHandler& handler, std::vector<unsigned char>& data) {
+            ++blocks;
+            bytesDelivered += data.size();
+            if (echo)
+              handler.sendData(reinterpret_cast<const char*>(data.data()),
+                               static_cast<unsigned>(data.size()));
+          });
     });
     master.addAutomaticConnection(kType, 100, 100000);
     master.setEnabled(true);
@@ -124,10 +125,12 @@ class ReliabilityTest : public ::testing::Test {
     auto peer = std::make_unique<RawPeer>(port, source, receiveBuffer);
     EXPECT_TRUE(peer->connected());
     const SimpleEndpoint seenAs(SimpleIp(source), peer->localPort());
-    runUntil([&] {
-      return master.getTCPConnection(seenAs) ||
-             master.getBoundCounters().tcpConnectionsRefused > refused;
-    }, 2s);
+    runUntil(
+        [&] {
+          return master.getTCPConnection(seenAs) ||
+                 master.getBoundCounters().tcpConnectionsRefused > refused;
+        },
+        2s);
     return peer;
   }
 
@@ -146,12 +149,14 @@ class ReliabilityTest : public ::testing::Test {
   std::vector<Frame> answers(RawPeer& peer, size_t count) {
     std::string stream;
     std::vector<Frame> frames;
-    runUntil([&] {
-      stream += peer.receiveSome();
-      for (Frame& f : takeFrames(stream))
-        if (f.type != 1) frames.push_back(std::move(f));
-      return frames.size() >= count;
-    }, 5s);
+    runUntil(
+        [&] {
+          stream += peer.receiveSome();
+          for (Frame& f : takeFrames(stream))
+            if (f.type != 1) frames.push_back(std::move(f));
+          return frames.size() >= count;
+        },
+        5s);
     return frames;
   }
 
@@ -205,10 +210,13 @@ TEST_F(ReliabilityTest, APeerThatPingsAndNeverReadsHoldsLittleAndIsClosedAsIdle)
   });
   EXPECT_TRUE(echoedDuring);
   EXPECT_LT(heapGrowth(), 8 * kMiB);
-  EXPECT_TRUE(runUntil([&] {
-    peer.sendSome(pings);
-    return peer.closedByOtherSide();
-  }, 4s)) << "pings do not keep a connection that carries nothing";
+  EXPECT_TRUE(runUntil(
+      [&] {
+        peer.sendSome(pings);
+        return peer.closedByOtherSide();
+      },
+      4s))
+      << "pings do not keep a connection that carries nothing";
   EXPECT_GT(master.getBoundCounters().pingsNotAnswered, 0u);
   EXPECT_TRUE(wellBehavedSlaveEchoes());
 }
@@ -368,7 +376,8 @@ TEST_F(ReliabilityTest, AFastSenderUnderBackPressureLosesNothing) {
                    ConnectionTimeout{}, false);
   slave.addConnectionHandler(kType, 1, [] { return blockHandler([](auto&, auto&) {}); });
   slave.setEnabled(true);
-  const unsigned id = slave.connectAutomatic(master.getListeningEndpoint(), kCluster, kType, nullptr);
+  const unsigned id =
+      slave.connectAutomatic(master.getListeningEndpoint(), kCluster, kType, nullptr);
   auto handler = [&] { return static_cast<SimpleConnectorHandler*>(slave.getConnection(id)); };
   ASSERT_TRUE(runUntil([&] { return handler() && handler()->isConnected(); }, 5s));
   SingleTCPConnectionEndpoint* tcp = slave.getTCPConnection(master.getListeningEndpoint());

@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-
 namespace tavrinConnector {
 namespace {
 
@@ -110,9 +109,9 @@ TEST_F(MCAnnounceDataTest, WorkedExampleIsTheSixtyByteFrameByteForByte) {
   std::vector<SingleAnnouncementData> added;
   copy.unpack(1, in, [&](const SingleAnnouncementData& a) { added.push_back(a); });
   ASSERT_EQ(added.size(), 1u);
-  EXPECT_EQ(added[0], SingleAnnouncementData(ConnectorInterfaceType::Client, 0, 4,
-                                             SimpleEndpoint(SimpleIp("192.168.1.10"), 5000), 7,
-                                             5, "x"));
+  EXPECT_EQ(added[0],
+            SingleAnnouncementData(ConnectorInterfaceType::Client, 0, 4,
+                                   SimpleEndpoint(SimpleIp("192.168.1.10"), 5000), 7, 5, "x"));
   EXPECT_EQ(packed(copy), packed(data));
 }
 

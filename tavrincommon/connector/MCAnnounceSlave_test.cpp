@@ -190,7 +190,8 @@ TEST_F(MCAnnounceSlaveTest, LocalRemovalLowersTheChangeCountSoTheNextMessageRest
 TEST_F(MCAnnounceSlaveTest, WorkerYieldsAfterItsBudgetWithTheRestQueued) {
   for (unsigned i = 0; i < 200; ++i) {
     const std::string host = "127.0.0." + std::to_string(1 + i);
-    fake->addDatagram(SimpleEndpoint(SimpleIp(host.c_str()), 10000), announceFrame(1, {{i, 1, true}}));
+    fake->addDatagram(SimpleEndpoint(SimpleIp(host.c_str()), 10000),
+                      announceFrame(1, {{i, 1, true}}));
     slave->socketCallback(kIn);
   }
   EXPECT_EQ(slave->getReceiveQueueSize(), 200u);

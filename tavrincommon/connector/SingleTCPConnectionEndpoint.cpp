@@ -40,7 +40,8 @@ SingleTCPConnectionEndpoint::SingleTCPConnectionEndpoint(
           [this](int fd, int events) { changeSocketEvent(fd, events); }, logging_),
       idleTimeoutMs(idleTimeoutMs_),
       keepAliveTimeoutMs(keepAliveTimeoutMs_),
-      keepAliveTimer(scheduler_, keepAliveTimeoutMs_, [this] { keepAliveTimerExpired(); }, kOrigin) {
+      keepAliveTimer(
+          scheduler_, keepAliveTimeoutMs_, [this] { keepAliveTimerExpired(); }, kOrigin) {
   // A connection on which no logical connection is ever opened is closed after the idle time.
   startIdlePeriod();
 }
@@ -168,8 +169,8 @@ void SingleTCPConnectionEndpoint::disconnect() {
 void SingleTCPConnectionEndpoint::receiveMessage(std::unique_ptr<InputMessage>&& message) {
   receiveQueueBytes += internal::heapCost(*message);
   receiveQueue.push_back(std::move(message));
-  if (!transceiver.isReceivePaused() && (receiveQueue.size() >= maxReceiveQueueFrames ||
-                                         receiveQueueBytes >= maxReceiveQueueBytes)) {
+  if (!transceiver.isReceivePaused() &&
+      (receiveQueue.size() >= maxReceiveQueueFrames || receiveQueueBytes >= maxReceiveQueueBytes)) {
     ++readPauses;
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
                "Receive queue of TCP connection socket %s holds %zu frames (%zu bytes), pausing "

@@ -148,7 +148,8 @@ TEST_F(SingleTCPConnectionEndpointTest, AFullReceiveQueuePausesReadingAndLosesNo
 
   uint32_t expected = 0;
   while (expected < 10) {
-    ASSERT_TRUE(runUntil(scheduler, [&] { return endpoint->getReceiveQueueSize() > 0; }, 3s));
+    ASSERT_TRUE(runUntil(
+        scheduler, [&] { return endpoint->getReceiveQueueSize() > 0; }, 3s));
     std::unique_ptr<InputMessage> message = endpoint->fetchReceivedMessage();
     ASSERT_EQ(message->getAdditionalInfo(), expected++) << "in order, none dropped";
     EXPECT_LE(endpoint->getReceiveQueueSize(), 4u);

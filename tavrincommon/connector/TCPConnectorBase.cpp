@@ -349,11 +349,12 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
         extractAndHandleConnectionAcceptMessage(connection, info, *message);
         break;
       default:
-        TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-                   "Unsupported message type %u received from %s (additional Info: %u, data "
-                   "length: %u bytes), ignoring",
-                   type, text(peerOf(connection)).c_str(), info,
-                   static_cast<unsigned>(message->getLength()));
+        TAVRIN_LOG_LIMITED(
+            peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+            "Unsupported message type %u received from %s (additional Info: %u, data "
+            "length: %u bytes), ignoring",
+            type, text(peerOf(connection)).c_str(), info,
+            static_cast<unsigned>(message->getLength()));
         break;
     }
     message.reset();
@@ -369,9 +370,10 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
 void TCPConnectorBase::handleVersionMessage(SingleTCPConnectionEndpoint& connection,
                                             unsigned short version) {
   if (version == kProtocolVersion) return;
-  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-             "Incompatible TCP endpoint %s with version %u, disconnecting (own version: %u)",
-             text(peerOf(connection)).c_str(), unsigned{version}, unsigned{kProtocolVersion});
+  TAVRIN_LOG_LIMITED(
+      peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+      "Incompatible TCP endpoint %s with version %u, disconnecting (own version: %u)",
+      text(peerOf(connection)).c_str(), unsigned{version}, unsigned{kProtocolVersion});
   sendDisconnectMessage(connection, DisconnectReason::incompatible, kInvalidConnectionId);
   setConnectionEvent(peerOf(connection), true);
 }
@@ -388,19 +390,21 @@ void TCPConnectorBase::handleDataMessage(SingleTCPConnectionEndpoint& connection
       found->second->receive(std::move(message));
       return;
     }
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-               "No active connection with connection Id %u (local TCP endpoint %s), cleaning up "
-               "and replying with noConnection",
-               connectionId, text(peer).c_str());
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+        "No active connection with connection Id %u (local TCP endpoint %s), cleaning up "
+        "and replying with noConnection",
+        connectionId, text(peer).c_str());
     if (connection.removeLogicalConnection(connectionId)) {
       setConnectionEvent(peer, false);
       connection.disconnect();
     }
   } else {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-               "No logical connection with connection Id %u on local TCP endpoint %s, replying "
-               "with noConnection",
-               connectionId, text(peer).c_str());
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+        "No logical connection with connection Id %u on local TCP endpoint %s, replying "
+        "with noConnection",
+        connectionId, text(peer).c_str());
   }
   sendEmptyMessage(connection, TavrinConnectorMessageType::connectionNotFound, connectionId);
 }
@@ -411,18 +415,19 @@ void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& conn
   const SimpleEndpoint peer = peerOf(connection);
   if (connectionId == kInvalidConnectionId) {
     TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-               "TCP disconnect message received from TCP endpoint %s, reason: %s (%d)",
-               text(peer).c_str(), DisconnectReason::getText(long{reason}), reason);
+                       "TCP disconnect message received from TCP endpoint %s, reason: %s (%d)",
+                       text(peer).c_str(), DisconnectReason::getText(long{reason}), reason);
     disconnectEndpoint(connection, reason, false);
     return;
   }
   if (connection.hasLogicalConnection(connectionId)) {
     auto found = activeConnections.find(connectionId);
     if (found != activeConnections.end()) {
-      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-                 "Disconnect message received from TCP endpoint %s for connection %u, reason: %s "
-                 "(%d)",
-                 text(peer).c_str(), connectionId, DisconnectReason::getText(long{reason}), reason);
+      TAVRIN_LOG_LIMITED(
+          peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+          "Disconnect message received from TCP endpoint %s for connection %u, reason: %s "
+          "(%d)",
+          text(peer).c_str(), connectionId, DisconnectReason::getText(long{reason}), reason);
       std::unique_ptr<ConnectionHandlerBase> handler = std::move(found->second);
       activeConnections.erase(found);
       if (!handler) return;
@@ -430,25 +435,28 @@ void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& conn
       queueHandlerForDestruction(std::move(handler));
       return;
     }
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-               "No active connection with connection id %u (local TCP endpoint %s), ignoring "
-               "disconnect request",
-               connectionId, text(peer).c_str());
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+        "No active connection with connection id %u (local TCP endpoint %s), ignoring "
+        "disconnect request",
+        connectionId, text(peer).c_str());
   } else {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-               "No logical connection with connection id %u on local TCP endpoint %s, ignoring "
-               "disconnect request",
-               connectionId, text(peer).c_str());
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+        "No logical connection with connection id %u on local TCP endpoint %s, ignoring "
+        "disconnect request",
+        connectionId, text(peer).c_str());
   }
   sendEmptyMessage(connection, TavrinConnectorMessageType::connectionNotFound, connectionId);
 }
 
 void TCPConnectorBase::handleConnectionNotFoundMessage(SingleTCPConnectionEndpoint& connection,
                                                        unsigned connectionId) {
-  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-             "Received connection not found message for remote connection %u from TCP endpoint "
-             "%s, removing the connection",
-             connectionId, text(peerOf(connection)).c_str());
+  TAVRIN_LOG_LIMITED(
+      peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+      "Received connection not found message for remote connection %u from TCP endpoint "
+      "%s, removing the connection",
+      connectionId, text(peerOf(connection)).c_str());
   disconnectRemoteConnectionId(connection, connectionId, DisconnectReason::notPresent);
 }
 

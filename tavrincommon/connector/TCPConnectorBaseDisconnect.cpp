@@ -28,7 +28,8 @@ constexpr int kOrigin = DefaultOrigins::TCPConnector;
 
 // ---- disconnection ----
 
-void TCPConnectorBase::queueHandlerForDestruction(std::unique_ptr<ConnectionHandlerBase>&& handler) {
+void TCPConnectorBase::queueHandlerForDestruction(
+    std::unique_ptr<ConnectionHandlerBase>&& handler) {
   if (!handler) return;
   handlersToDestroy.push_back(std::move(handler));
   scheduler->addWorker(this);
@@ -85,8 +86,8 @@ void TCPConnectorBase::disconnect(unsigned connectionId, int reason) {
   removePendingConnection(connectionId, reason, true, automatic, data);
 }
 
-void TCPConnectorBase::disconnect(const std::function<bool(const ConnectionHandlerBase&)>& predicate,
-                                  int reason) {
+void TCPConnectorBase::disconnect(
+    const std::function<bool(const ConnectionHandlerBase&)>& predicate, int reason) {
   for (unsigned id : keysOf(activeConnections)) {
     auto found = activeConnections.find(id);
     if (found == activeConnections.end()) continue;

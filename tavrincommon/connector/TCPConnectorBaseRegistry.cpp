@@ -32,8 +32,7 @@ void TCPConnectorBase::addConnectionHandler(unsigned short type, unsigned short 
   auto inserted = versions.emplace(version, factory);
   if (inserted.second) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
-               "Added ConnectionHandler for type %u version %u", unsigned{type},
-               unsigned{version});
+               "Added ConnectionHandler for type %u version %u", unsigned{type}, unsigned{version});
     return;
   }
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
@@ -72,8 +71,8 @@ void TCPConnectorBase::clearConnectionHandlers() {
 }
 
 TCPConnectorBase::HandlerFactory TCPConnectorBase::findConnectionHandler(unsigned short type,
-                                                                        unsigned short version,
-                                                                        bool& typeFound) const {
+                                                                         unsigned short version,
+                                                                         bool& typeFound) const {
   typeFound = false;
   auto typeEntry = connectionHandlers.find(type);
   if (typeEntry == connectionHandlers.end()) return {};
@@ -152,8 +151,8 @@ unsigned TCPConnectorBase::getFreeConnectionId(unsigned first, unsigned last) co
 // ---- pending connections ----
 
 void TCPConnectorBase::addPendingConnection(unsigned connectionId, const SimpleEndpoint& endpoint,
-                                            unsigned clusterId, unsigned short type,
-                                            bool automatic, unsigned remoteConnectionId,
+                                            unsigned clusterId, unsigned short type, bool automatic,
+                                            unsigned remoteConnectionId,
                                             std::unique_ptr<CustomConnectData>&& data) {
   if (pendingConnections.empty()) scheduler->addTimeout(this, kPendingCheckPeriodMs);
   PendingConnectionData entry;

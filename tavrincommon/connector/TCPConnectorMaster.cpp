@@ -52,7 +52,8 @@ TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
     : TCPConnectorBase(scheduler_, logging_),
       createServerSocket(std::move(createServerSocket_)),
       acceptClient(std::move(acceptClient_)),
-      acceptPauseTimer(scheduler_, kAcceptPauseMs, [this] { resumeAccepting(); }, kOrigin) {}
+      acceptPauseTimer(
+          scheduler_, kAcceptPauseMs, [this] { resumeAccepting(); }, kOrigin) {}
 
 TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
                                        tavrinLog::TavrinLogging* logging_)
@@ -106,11 +107,12 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     sendConnectionRejectMessage(connection, reason, clusterId, remoteConnectionId, id, type);
   };
   if (requestedClusterId != clusterId) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
-               "%s (device id: %u): wrong cluster id %u (own: %u)!",
-               connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId,
-               requestedClusterId, clusterId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
+        "%s (device id: %u): wrong cluster id %u (own: %u)!",
+        connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId,
+        requestedClusterId, clusterId);
     reject(DisconnectReason::wrongClusterId, connectionId);
     return;
   }
@@ -131,38 +133,42 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
   if (automatic) {
     auto range = automaticConnections.find(type);
     if (range == automaticConnections.end()) {
-      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-                 "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
-                 "endpoint %s (device id: %u): connection not allowed!",
-                 typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
+      TAVRIN_LOG_LIMITED(
+          peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+          "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
+          "endpoint %s (device id: %u): connection not allowed!",
+          typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
       reject(DisconnectReason::notAllowed, kInvalidConnectionId);
       return;
     }
     connectionId = getFreeConnectionId(range->second.first, range->second.second);
     if (connectionId == kInvalidConnectionId) {
-      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-                 "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
-                 "endpoint %s (device id: %u): no free connection id found (range %u - %u)!",
-                 typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId,
-                 range->second.first, range->second.second);
+      TAVRIN_LOG_LIMITED(
+          peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+          "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
+          "endpoint %s (device id: %u): no free connection id found (range %u - %u)!",
+          typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId, range->second.first,
+          range->second.second);
       reject(DisconnectReason::notAllowed, kInvalidConnectionId);
       return;
     }
   } else {
     auto allowed = allowedConnections.find(connectionId);
     if (allowed == allowedConnections.end() || allowed->second != type) {
-      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-                 "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
-                 "%s (device id: %u): connection not allowed!",
-                 connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
+      TAVRIN_LOG_LIMITED(
+          peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+          "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
+          "%s (device id: %u): connection not allowed!",
+          connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
       reject(DisconnectReason::notAllowed, connectionId);
       return;
     }
     if (activeConnections.count(connectionId) && !overwriteExisting) {
-      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-                 "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
-                 "%s (device id: %u): connection already exists!",
-                 connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
+      TAVRIN_LOG_LIMITED(
+          peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+          "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
+          "%s (device id: %u): connection already exists!",
+          connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
       reject(DisconnectReason::notAllowed, connectionId);
       return;
     }
@@ -170,11 +176,12 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
   const char* automaticText = automatic ? "automatic, " : "";
   auto versions = connectionHandlers.find(type);
   if (versions == connectionHandlers.end() || versions->second.empty()) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
-               "%s (device id: %u): no connection handler found!",
-               connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
-               remoteDeviceId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
+        "%s (device id: %u): no connection handler found!",
+        connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
+        remoteDeviceId);
     reject(DisconnectReason::noConnectionHandler, connectionId);
     return;
   }
@@ -188,11 +195,12 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     break;
   }
   if (!factory) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
-               "%s (device id: %u): no compatible connection handler found!",
-               connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
-               remoteDeviceId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
+        "%s (device id: %u): no compatible connection handler found!",
+        connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
+        remoteDeviceId);
     reject(DisconnectReason::noCompatibleConnectionHandler, connectionId);
     return;
   }
@@ -201,13 +209,14 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     std::unique_ptr<ConnectionHandlerBase> old = std::move(existing->second);
     activeConnections.erase(existing);
     if (old && old->isConnected()) {
-      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
-                 "Replacing existing connection %u (type %u) on TCP endpoint %s (remote connection "
-                 "id: %u, remote device id: %u) with new connection to TCP endpoint %s (remote "
-                 "connection id: %u, remote device id: %u)",
-                 connectionId, typeNumber, text(old->getRemoteEndpoint()).c_str(),
-                 old->getRemoteConnectionId(), old->getRemoteDeviceId(), text(peer).c_str(),
-                 remoteConnectionId, remoteDeviceId);
+      TAVRIN_LOG_LIMITED(
+          peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
+          "Replacing existing connection %u (type %u) on TCP endpoint %s (remote connection "
+          "id: %u, remote device id: %u) with new connection to TCP endpoint %s (remote "
+          "connection id: %u, remote device id: %u)",
+          connectionId, typeNumber, text(old->getRemoteEndpoint()).c_str(),
+          old->getRemoteConnectionId(), old->getRemoteDeviceId(), text(peer).c_str(),
+          remoteConnectionId, remoteDeviceId);
     }
     disconnect(std::move(old), DisconnectReason::replacedByOtherConnection);
   }
@@ -228,47 +237,52 @@ void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connecti
                                 type);
   };
   if (!allowMove) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
-               "device id: %u): not allowed (general setting)!",
-               connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
+        "device id: %u): not allowed (general setting)!",
+        connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
     reject(DisconnectReason::notAllowed);
     return;
   }
   if (requestedClusterId != clusterId) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
-               "device id: %u): wrong cluster id %u (own: %u)!",
-               connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId,
-               requestedClusterId, clusterId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
+        "device id: %u): wrong cluster id %u (own: %u)!",
+        connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId,
+        requestedClusterId, clusterId);
     reject(DisconnectReason::wrongClusterId);
     return;
   }
   ConnectionHandlerBase* handler = getConnection(connectionId);
   if (!handler || !handler->isConnected()) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
-               "device id: %u): connection not found!",
-               connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
+        "device id: %u): connection not found!",
+        connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
     reject(DisconnectReason::notPresent);
     return;
   }
   if (!handler->moveConnectionAllowed()) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
-               "(remote connection id: %u, device id: %u): not allowed (connection handler "
-               "setting)!",
-               connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
-               remoteConnectionId, remoteDeviceId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
+        "(remote connection id: %u, device id: %u): not allowed (connection handler "
+        "setting)!",
+        connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
+        remoteConnectionId, remoteDeviceId);
     reject(DisconnectReason::notAllowed);
     return;
   }
   if (handler->getType() != type) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
-               "(remote connection id: %u, device id: %u): wrong type (current: %u)!",
-               connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
-               remoteConnectionId, remoteDeviceId, unsigned{handler->getType()});
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
+        "(remote connection id: %u, device id: %u): wrong type (current: %u)!",
+        connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
+        remoteConnectionId, remoteDeviceId, unsigned{handler->getType()});
     reject(DisconnectReason::wrongType);
     return;
   }
@@ -276,12 +290,13 @@ void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connecti
   for (unsigned short offered : readVersions(message))
     if (offered == handler->getVersion()) versionOffered = true;
   if (!versionOffered) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
-               "(remote connection id: %u, device id: %u): no compatible connection handler "
-               "found!",
-               connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
-               remoteConnectionId, remoteDeviceId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
+        "(remote connection id: %u, device id: %u): no compatible connection handler "
+        "found!",
+        connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
+        remoteConnectionId, remoteDeviceId);
     reject(DisconnectReason::noCompatibleConnectionHandler);
     return;
   }
@@ -299,12 +314,13 @@ void TCPConnectorMaster::finalizeMoveConnection(ConnectionHandlerBase& handler,
     last = oldConnection->removeLogicalConnection(connectionId);
     sendDisconnectMessage(*oldConnection, DisconnectReason::connectionMoved,
                           handler.getRemoteConnectionId());
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
-               "Moving connection %u (type %u, version %u) from TCP endpoint %s (last: %s, old "
-               "remote connection id: %u, old remote device id: %u)...",
-               connectionId, unsigned{handler.getType()}, unsigned{handler.getVersion()},
-               text(oldPeer).c_str(), yesNo(last), handler.getRemoteConnectionId(),
-               handler.getRemoteDeviceId());
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
+        "Moving connection %u (type %u, version %u) from TCP endpoint %s (last: %s, old "
+        "remote connection id: %u, old remote device id: %u)...",
+        connectionId, unsigned{handler.getType()}, unsigned{handler.getVersion()},
+        text(oldPeer).c_str(), yesNo(last), handler.getRemoteConnectionId(),
+        handler.getRemoteDeviceId());
     // Unless the connection stays on the same TCP connection, which must not be closed under it.
     if (last && oldConnection != &newConnection) {
       setConnectionEvent(oldPeer, false);
@@ -319,11 +335,12 @@ void TCPConnectorMaster::finalizeMoveConnection(ConnectionHandlerBase& handler,
                          newConnection.isMptcpEnabled(), last,
                          makeSendFunction(newPeer, remoteConnectionId),
                          makeDisconnectFunction(connectionId));
-  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
-             "Moved connection %u (type %u, version %u) to TCP endpoint %s (remote connection id: "
-             "%u, remote device id: %u)",
-             connectionId, unsigned{handler.getType()}, unsigned{handler.getVersion()},
-             text(newPeer).c_str(), remoteConnectionId, remoteDeviceId);
+  TAVRIN_LOG_LIMITED(
+      peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
+      "Moved connection %u (type %u, version %u) to TCP endpoint %s (remote connection id: "
+      "%u, remote device id: %u)",
+      connectionId, unsigned{handler.getType()}, unsigned{handler.getVersion()},
+      text(newPeer).c_str(), remoteConnectionId, remoteDeviceId);
 }
 
 void TCPConnectorMaster::handleConnectionRejectMessage(SingleTCPConnectionEndpoint& connection,
@@ -331,11 +348,12 @@ void TCPConnectorMaster::handleConnectionRejectMessage(SingleTCPConnectionEndpoi
                                                        unsigned connectionId, int reason,
                                                        unsigned remoteConnectionId,
                                                        unsigned short type) {
-  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-             "Received connection reject message for connection %u (type %u, remote connection "
-             "id: %u) from TCP endpoint %s (clusterId %u, own: %u): %s (%d); ignoring on master",
-             connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
-             receivedClusterId, clusterId, DisconnectReason::getText(long{reason}), reason);
+  TAVRIN_LOG_LIMITED(
+      peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+      "Received connection reject message for connection %u (type %u, remote connection "
+      "id: %u) from TCP endpoint %s (clusterId %u, own: %u): %s (%d); ignoring on master",
+      connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
+      receivedClusterId, clusterId, DisconnectReason::getText(long{reason}), reason);
 }
 
 void TCPConnectorMaster::handleConnectionAcceptMessage(SingleTCPConnectionEndpoint& connection,
@@ -345,12 +363,13 @@ void TCPConnectorMaster::handleConnectionAcceptMessage(SingleTCPConnectionEndpoi
                                                        unsigned remoteConnectionId,
                                                        unsigned /*remoteDeviceId*/,
                                                        unsigned short type) {
-  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-             "Received connection accept message for connection %u (type %u, remote connection "
-             "id: %u) from TCP endpoint %s (clusterId %u, own: %u) with version %u; ignoring on "
-             "master",
-             connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
-             receivedClusterId, clusterId, unsigned{version});
+  TAVRIN_LOG_LIMITED(
+      peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+      "Received connection accept message for connection %u (type %u, remote connection "
+      "id: %u) from TCP endpoint %s (clusterId %u, own: %u) with version %u; ignoring on "
+      "master",
+      connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
+      receivedClusterId, clusterId, unsigned{version});
 }
 
 // ---- allowed and automatic connections ----

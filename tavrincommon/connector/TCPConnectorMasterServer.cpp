@@ -51,8 +51,8 @@ void TCPConnectorMaster::cleanupSpecific() { closeServerSocket(); }
 bool TCPConnectorMaster::initServerSocket() {
   closeServerSocket();
   const SimpleEndpoint at(ip, port);
-  std::unique_ptr<TCPSocketInterface> socket = createServerSocket ? createServerSocket(at, mptcp)
-                                                                  : nullptr;
+  std::unique_ptr<TCPSocketInterface> socket =
+      createServerSocket ? createServerSocket(at, mptcp) : nullptr;
   if (!socket || !socket->valid()) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error, "Failed to create server socket at %s!",
                text(at).c_str());

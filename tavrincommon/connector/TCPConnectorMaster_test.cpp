@@ -43,7 +43,8 @@ bool nextFrame(tavrinScheduler::Scheduler& scheduler, tavrinTesting::RawPeer& pe
     while (received.size() >= 11) {
       const uint32_t length = readU32(received, 1);
       if (received.size() < length + 5) return false;
-      Frame f{static_cast<uint8_t>(received[5]), readU32(received, 6), received.substr(10, length - 6)};
+      Frame f{static_cast<uint8_t>(received[5]), readU32(received, 6),
+              received.substr(10, length - 6)};
       EXPECT_EQ(static_cast<uint8_t>(received[0]), 0xA5);
       EXPECT_EQ(static_cast<uint8_t>(received[length + 4]), 0x5A);
       received.erase(0, length + 5);
@@ -157,7 +158,8 @@ TEST_F(TCPConnectorMasterTest, AnswersControlMessagesAndUnknownIds) {
 
   send(frame(6, 0xFFFFFFFFu, Bytes().u32(static_cast<uint32_t>(-1)).data));
   EXPECT_TRUE(peerClosed());
-  EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }));
+  EXPECT_TRUE(
+      tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }));
 }
 
 TEST_F(TCPConnectorMasterTest, AnIncompatibleVersionEndsTheTCPConnection) {
@@ -261,7 +263,8 @@ TEST_F(TCPConnectorMasterTest, AServerSocketThatCannotOpenDisablesTheMaster) {
               master.getListeningEndpoint().getPort(), false, false, ConnectionTimeout{}, false);
   second.setEnabled(true);
   EXPECT_FALSE(second.isEnabled());
-  EXPECT_EQ(errors, std::vector<std::string>{"initializationFailed: Failed to initialize server socket!"});
+  EXPECT_EQ(errors,
+            std::vector<std::string>{"initializationFailed: Failed to initialize server socket!"});
   EXPECT_TRUE(log.contains("Error 1 (initializationFailed): 'Failed to initialize server socket!'"));
 }
 

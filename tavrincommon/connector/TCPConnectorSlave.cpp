@@ -215,10 +215,11 @@ void TCPConnectorSlave::handleConnectionAcceptMessage(SingleTCPConnectionEndpoin
   std::unique_ptr<CustomConnectData> data;
   if (!pendingWith(connectionId, peer, type) ||
       !removePendingConnection(connectionId, 0, false, automatic, data)) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-               "Ignoring connection accept message for connection %u (type %u, remote connection "
-               "id: %u) from TCP endpoint %s (cluster id %u): Connection not pending!",
-               connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+        "Ignoring connection accept message for connection %u (type %u, remote connection "
+        "id: %u) from TCP endpoint %s (cluster id %u): Connection not pending!",
+        connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId);
     return;
   }
   bool typeFound = false;
@@ -230,11 +231,12 @@ void TCPConnectorSlave::handleConnectionAcceptMessage(SingleTCPConnectionEndpoin
   }
   const int reason = typeFound ? DisconnectReason::noCompatibleConnectionHandler
                                : DisconnectReason::noConnectionHandler;
-  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-             "Failed to accept connection %u (type %u, remote connection id: %u, version %u) to "
-             "TCP endpoint %s (cluster id %u): No connection handler %s!",
-             connectionId, unsigned{type}, remoteConnectionId, unsigned{version}, text(peer).c_str(),
-             clusterId, typeFound ? "with this version" : "for this type");
+  TAVRIN_LOG_LIMITED(
+      peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+      "Failed to accept connection %u (type %u, remote connection id: %u, version %u) to "
+      "TCP endpoint %s (cluster id %u): No connection handler %s!",
+      connectionId, unsigned{type}, remoteConnectionId, unsigned{version}, text(peer).c_str(),
+      clusterId, typeFound ? "with this version" : "for this type");
   sendDisconnectMessage(connection, reason, remoteConnectionId);
   // The id leaves the TCP connection too, as at every other end of a request: it is neither
   // pending nor active any more, and left registered it would keep the TCP connection in its
@@ -256,16 +258,18 @@ void TCPConnectorSlave::handleConnectionRejectMessage(SingleTCPConnectionEndpoin
   const SimpleEndpoint peer = peerOf(connection);
   if (pendingWith(connectionId, peer, type) &&
       removePendingConnection(connectionId, reason, true, automatic, data)) {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-               "Rejected connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
-               "(cluster id %u): %s (%d)!",
-               connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId,
-               DisconnectReason::getText(long{reason}), reason);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Rejected connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
+        "(cluster id %u): %s (%d)!",
+        connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId,
+        DisconnectReason::getText(long{reason}), reason);
   } else {
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-               "Ignoring connection reject message for connection %u (type %u, remote connection "
-               "id: %u) from TCP endpoint %s (cluster id %u): Connection not pending!",
-               connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId);
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+        "Ignoring connection reject message for connection %u (type %u, remote connection "
+        "id: %u) from TCP endpoint %s (cluster id %u): Connection not pending!",
+        connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId);
   }
 }
 
@@ -273,22 +277,24 @@ void TCPConnectorSlave::handleConnectMessage(SingleTCPConnectionEndpoint& connec
                                              unsigned clusterId, unsigned connectionId,
                                              unsigned short type, unsigned remoteConnectionId,
                                              unsigned remoteDeviceId, InputMessage& /*message*/) {
-  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-             "Received connect message for connection %u (type %u, remote connection id: %u) from "
-             "TCP endpoint %s (cluster id %u, device id: %u); ignoring on client",
-             connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
-             clusterId, remoteDeviceId);
+  TAVRIN_LOG_LIMITED(
+      peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+      "Received connect message for connection %u (type %u, remote connection id: %u) from "
+      "TCP endpoint %s (cluster id %u, device id: %u); ignoring on client",
+      connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(), clusterId,
+      remoteDeviceId);
 }
 
 void TCPConnectorSlave::handleMoveMessage(SingleTCPConnectionEndpoint& connection,
                                           unsigned clusterId, unsigned connectionId,
                                           unsigned short type, unsigned remoteConnectionId,
                                           unsigned remoteDeviceId, InputMessage& /*message*/) {
-  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
-             "Received move connection message for connection %u (type %u, remote connection id: "
-             "%u) from TCP endpoint %s (cluster id %u, device id: %u); ignoring on client",
-             connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
-             clusterId, remoteDeviceId);
+  TAVRIN_LOG_LIMITED(
+      peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+      "Received move connection message for connection %u (type %u, remote connection id: "
+      "%u) from TCP endpoint %s (cluster id %u, device id: %u); ignoring on client",
+      connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(), clusterId,
+      remoteDeviceId);
 }
 
 }  // namespace tavrinConnector

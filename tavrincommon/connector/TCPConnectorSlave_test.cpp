@@ -153,8 +153,9 @@ TEST_F(TCPConnectorSlaveTest, OnlyTheMasterThatWasAskedAnswersARequest) {
   ASSERT_TRUE(slave.connect(other, 8, 5, 12, 3, nullptr));
   ASSERT_EQ(sockets.size(), 2u);
   // The other master answers for request 1, and the asked one for the wrong type.
-  sockets[1]->addChunk(acceptFrame(1, 5, 2, 300) +
-                       frame(8, 8, Bytes().u32(1).u16(5).u32(12).u32(static_cast<uint32_t>(-8)).data));
+  sockets[1]->addChunk(
+      acceptFrame(1, 5, 2, 300) +
+      frame(8, 8, Bytes().u32(1).u16(5).u32(12).u32(static_cast<uint32_t>(-8)).data));
   sockets[0]->addChunk(acceptFrame(1, 6, 2, 300));
   ASSERT_TRUE(run([&] { return log.count("Connection not pending!") == 3; })) << log.text();
   EXPECT_TRUE(slave.isPending(1));

@@ -220,9 +220,9 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
       const unsigned held = receiveBuffer.getDataLength();
       if (held == 0 && static_cast<unsigned char>(*data) != kStartDelimiter) {
         TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
-                   "Failed to receive message on TCP connection socket %s: Start delimiter "
-                   "missing, closing the connection!",
-                   SimpleEndpoint::CharString(endpoint).c_str());
+                           "Failed to receive message on TCP connection socket %s: Start delimiter "
+                           "missing, closing the connection!",
+                           SimpleEndpoint::CharString(endpoint).c_str());
         return false;
       }
       const unsigned needed = kFrameHeaderSize - held;
@@ -232,17 +232,18 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
       // Checked before anything is allocated for the frame: a peer's length field alone must
       // not make the buffer grow without bound.
       if (static_cast<uint64_t>(remainingBytes) + kFrameHeaderSize > maxFrameLength) {
-        TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
-                   "Failed to receive message on TCP connection socket %s: Length %u exceeds the "
-                   "maximum frame length of %u bytes, closing the connection!",
-                   SimpleEndpoint::CharString(endpoint).c_str(), remainingBytes, maxFrameLength);
+        TAVRIN_LOG_LIMITED(
+            rateLimiter, logging, kOrigin, SeverityLevel::Service,
+            "Failed to receive message on TCP connection socket %s: Length %u exceeds the "
+            "maximum frame length of %u bytes, closing the connection!",
+            SimpleEndpoint::CharString(endpoint).c_str(), remainingBytes, maxFrameLength);
         return false;
       }
       frameLength = kFrameHeaderSize + remainingBytes;
       // Small frames get their room at once, larger ones for the bytes in this read; the rest
       // grows as it arrives. The storage is the one the delivered message keeps.
-      const uint32_t room = frameLength <= kEagerFrameStorage ? remainingBytes
-                                                              : std::min(remainingBytes, n - needed);
+      const uint32_t room =
+          frameLength <= kEagerFrameStorage ? remainingBytes : std::min(remainingBytes, n - needed);
       if (!growFrameStorage(needed + room)) return false;
       receiveBuffer.write(data, needed);
       data += needed;
@@ -269,7 +270,8 @@ bool TCPTransceiver::growFrameStorage(unsigned more) {
   if (receiveBuffer.getCapacity() - length >= more) return true;
   // Doubling up to the declared length: copies stay below the frame's size in all.
   const uint64_t doubled = 2 * static_cast<uint64_t>(receiveBuffer.getCapacity());
-  const uint64_t target = std::min<uint64_t>(frameLength, std::max<uint64_t>(doubled, length + more));
+  const uint64_t target =
+      std::min<uint64_t>(frameLength, std::max<uint64_t>(doubled, length + more));
   try {
     receiveBuffer.reserveExact(static_cast<unsigned>(target - length));
   } catch (const std::bad_alloc&) {
@@ -285,20 +287,22 @@ bool TCPTransceiver::growFrameStorage(unsigned more) {
 bool TCPTransceiver::deliverFrame() {
   receiveBuffer.moveOffset(-1);
   if (InputMessage::getUInt8(receiveBuffer) != kEndDelimiter) {
-    TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
-               "Failed to receive message on TCP connection socket %s: End delimiter missing, "
-               "closing the connection!",
-               SimpleEndpoint::CharString(endpoint).c_str());
+    TAVRIN_LOG_LIMITED(
+        rateLimiter, logging, kOrigin, SeverityLevel::Service,
+        "Failed to receive message on TCP connection socket %s: End delimiter missing, "
+        "closing the connection!",
+        SimpleEndpoint::CharString(endpoint).c_str());
     return false;
   }
   // The buffer's storage passes to the message; the next frame's storage is allocated when its
   // header tells its size.
   auto message = std::make_unique<InputMessage>(std::move(receiveBuffer), true);
   if (!message->isValid()) {
-    TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
-               "Failed to receive message on TCP connection socket %s: validity check failed, "
-               "closing the connection!",
-               SimpleEndpoint::CharString(endpoint).c_str());
+    TAVRIN_LOG_LIMITED(
+        rateLimiter, logging, kOrigin, SeverityLevel::Service,
+        "Failed to receive message on TCP connection socket %s: validity check failed, "
+        "closing the connection!",
+        SimpleEndpoint::CharString(endpoint).c_str());
     return false;
   }
   receiveCallback(std::move(message));

@@ -213,8 +213,9 @@ TEST_F(TCPTransceiverTest, APeerThatDoesNotReadIsClosedWhenItsQueueOutgrowsTheBo
     ++queued;
   }
   expectClosedOnceWith("Send queue of TCP connection socket 127.0.0.1:4000 holds ");
-  EXPECT_TRUE(log.contains("more than its bound of 2000 bytes: the peer does not read, closing the "
-                           "connection!"));
+  EXPECT_TRUE(
+      log.contains("more than its bound of 2000 bytes: the peer does not read, closing the "
+                   "connection!"));
   EXPECT_TRUE(transceiver->wasClosedAsSlowConsumer());
   // What counts is the heap a queued 11-byte frame holds, several times its size.
   EXPECT_LT(queued, 2000u / 44);

@@ -75,10 +75,10 @@ inline bool admitLimited(LogRateLimiter* limiter, const TavrinLogging* logging, 
 
 // As TAVRIN_LOG, with the line held back by `limiter` (a LogRateLimiter or a pointer to one, which
 // may be null) when its kind has used up the window's burst.
-#define TAVRIN_LOG_LIMITED(limiter, logging, origin, severity, format, ...)                  \
-  do {                                                                                     \
-    const ::tavrinLog::TavrinLogging* tavrinLogObject_ = (logging);                        \
-    if (tavrinLogObject_ && tavrinLogObject_->isEnabled((origin), (severity)) &&           \
+#define TAVRIN_LOG_LIMITED(limiter, logging, origin, severity, format, ...)                     \
+  do {                                                                                          \
+    const ::tavrinLog::TavrinLogging* tavrinLogObject_ = (logging);                             \
+    if (tavrinLogObject_ && tavrinLogObject_->isEnabled((origin), (severity)) &&                \
         ::tavrinLog::admitLimited((limiter), tavrinLogObject_, (origin), (severity), (format))) \
-      tavrinLogObject_->log<true>((origin), (severity), (format), __VA_ARGS__);            \
+      tavrinLogObject_->log<true>((origin), (severity), (format), __VA_ARGS__);                 \
   } while (false)

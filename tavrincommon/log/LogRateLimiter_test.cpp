@@ -19,8 +19,8 @@ class LogRateLimiterTest : public ::testing::Test {
                        "Bad frame %d from peer", n);
   }
   void logUnknownId() {
-    TAVRIN_LOG_LIMITED(limiter, capture.logging(), kOrigin, SeverityLevel::Service,
-                       "Unknown id %d", 7);
+    TAVRIN_LOG_LIMITED(limiter, capture.logging(), kOrigin, SeverityLevel::Service, "Unknown id %d",
+                       7);
   }
 
   uint32_t now = 1000;

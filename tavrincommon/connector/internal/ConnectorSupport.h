@@ -15,7 +15,8 @@ namespace internal {
 
 inline const char* yesNo(bool value) { return value ? "yes" : "no"; }
 
-inline tavrinNetwork::SimpleEndpoint::CharString text(const tavrinNetwork::SimpleEndpoint& endpoint) {
+inline tavrinNetwork::SimpleEndpoint::CharString text(
+    const tavrinNetwork::SimpleEndpoint& endpoint) {
   return tavrinNetwork::SimpleEndpoint::CharString(endpoint);
 }
 

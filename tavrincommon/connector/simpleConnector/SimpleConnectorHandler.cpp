@@ -118,8 +118,8 @@ void SimpleConnectorHandler::receive(std::unique_ptr<InputMessage>&& message) {
     TAVRIN_LOG_LIMITED(logLimiter, logger, kOrigin, kDebug,
                        "%sDropping data message: declared block length %u with %u bytes present "
                        "(largest block %u, zero fill up to %u)",
-                       getLogPrefix(connectionId).c_str(), declared, available,
-                       getMaxBlockLength(), kZeroFillSlack);
+                       getLogPrefix(connectionId).c_str(), declared, available, getMaxBlockLength(),
+                       kZeroFillSlack);
     return;
   }
   auto block = std::make_unique<std::vector<unsigned char>>(declared, 0);

@@ -1,5 +1,7 @@
 #include "tools/tavrin-soak/HostilePeers.h"
 
+#include "tavrincommon/testing/ConnectorFrames.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -16,6 +18,10 @@ namespace tavrinSoak {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+// The frames of a peer that plays by hand, built as the tests build them.
+using tavrinTesting::Bytes;
+using tavrinTesting::frame;
+using tavrinTesting::readU32;
 
 constexpr int kAttackKinds = 5;
 constexpr uint8_t kPing = 0, kPong = 1, kVersion = 2, kConnect = 3, kData = 4, kReject = 8,
@@ -41,30 +47,6 @@ constexpr int kConnectWaitMs = 1000;
 constexpr int kAcceptWaitMs = 3000;
 constexpr auto kAtOnce = std::chrono::seconds(1);
 constexpr short kClosedEvents = POLLRDHUP | POLLHUP | POLLERR;
-
-struct Bytes {
-  std::string data;
-  Bytes& u8(uint8_t v) {
-    data.push_back(static_cast<char>(v));
-    return *this;
-  }
-  Bytes& u16(uint16_t v) { return u8(v & 0xFF).u8(v >> 8); }
-  Bytes& u32(uint32_t v) { return u16(v & 0xFFFF).u16(static_cast<uint16_t>(v >> 16)); }
-};
-
-uint32_t readU32(const std::string& s, size_t at) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<uint8_t>(s[at + static_cast<size_t>(i)]);
-  return v;
-}
-
-std::string frame(uint8_t type, uint32_t info, const std::string& payload = {}) {
-  Bytes b;
-  b.u8(0xA5).u32(static_cast<uint32_t>(payload.size() + 6)).u8(type).u32(info);
-  b.data += payload;
-  b.u8(0x5A);
-  return b.data;
-}
 
 // A version greeting and a request for an automatic SimpleConnector connection.
 std::string hello(unsigned clusterId) {

@@ -1,25 +1,16 @@
 #include "tavrincommon/log/LogRateLimiter.h"
 
-#include "tavrincommon/common/Clock.h"
+#include "tavrincommon/common/WrapTS.h"
 
 #include <utility>
 
 namespace tavrinLog {
 
-namespace {
-
-uint32_t monotonicMs() {
-  const timespec now = tavrinCommon::system::Clock::getTime(tavrinCommon::system::Clock::Monotonic);
-  return static_cast<uint32_t>(static_cast<uint64_t>(now.tv_sec) * 1000u +
-                               static_cast<uint64_t>(now.tv_nsec) / 1000000u);
-}
-
-}  // namespace
-
 LogRateLimiter::LogRateLimiter(unsigned burst_, unsigned windowMs_, MillisecondClock clock_)
     : burst(burst_ == 0 ? 1 : burst_),
       windowMs(windowMs_),
-      clock(clock_ ? std::move(clock_) : MillisecondClock(monotonicMs)) {}
+      clock(clock_ ? std::move(clock_)
+                   : MillisecondClock([] { return tavrinCommon::MonotonicMs().getValue(); })) {}
 
 void LogRateLimiter::report(const TavrinLogging* logging, Kind& kind) {
   if (kind.suppressed == 0) return;

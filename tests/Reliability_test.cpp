@@ -24,7 +24,6 @@
 #include <string>
 #include <vector>
 
-#include <sstream>
 
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -267,6 +266,7 @@ TEST_F(ReliabilityTest, HeadersOfHugeFramesCostLittleUntilTheIdleClose) {
   EXPECT_TRUE(runUntil([&] { return master.getTCPConnectionCount() == 0; }, 3s));
   for (auto& peer : peers) EXPECT_TRUE(peer->closedByOtherSide());
   EXPECT_EQ(log.count("Keep alive timer expired"), kBurst) << "64 idle closes, rate-limited";
+  EXPECT_EQ(log.count("Accepted client"), kBurst);
 }
 
 TEST_F(ReliabilityTest, BlocksDeclaredFarLongerThanTheirFramesAreDropped) {
@@ -401,21 +401,6 @@ TEST_F(ReliabilityTest, AFastSenderUnderBackPressureLosesNothing) {
       master.getTCPConnection(tcp->getTransceiver().getSocket()->getBoundEndpoint());
   ASSERT_NE(onMaster, nullptr);
   EXPECT_GT(onMaster->getReadPauses(), 0u) << "the bound was reached, and held";
-}
-
-TEST_F(ReliabilityTest, GarbageFromManyConnectionsLogsABurstAndACount) {
-  for (int i = 0; i < 100; ++i) {
-    auto peer = connectPeer("127.0.0.2");
-    peer->sendSome(std::string(1, '\0'));
-    ASSERT_TRUE(runUntil([&] { return peer->closedByOtherSide(); }, 2s));
-  }
-  EXPECT_EQ(log.count("Start delimiter missing"), kBurst);
-  std::ostringstream dump;
-  master.dump(dump, "");
-  const size_t at = dump.str().find("log lines suppressed: ");
-  ASSERT_NE(at, std::string::npos);
-  EXPECT_GE(std::stoul(dump.str().substr(at + 22)), 2 * (100 - kBurst)) << dump.str();
-  EXPECT_EQ(log.count("Accepted client"), kBurst);
 }
 
 }  // namespace

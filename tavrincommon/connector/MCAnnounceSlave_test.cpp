@@ -357,36 +357,35 @@ TEST_F(MCAnnounceSlaveTest, DatagramsArriveThroughTheLoopAndTheDumpShowsTheMaste
   ASSERT_TRUE(runUntil(scheduler, [&] { return !added.empty(); }, 3s));
   std::ostringstream out;
   slave->dump(out, "$ ");
-  EXPECT_EQ(
-      out.str(),
-      "$ MC Announce Client:\n"
-      "$   NetworkId: 1\n"
-      "$   Interface: 'lo'\n"
-      "$   MC group: 239.255.77.1:4000\n"
-      "$   Socket: " +
-          std::to_string(fake->getFd()) +
-          "\n"
-          "$   Enabled: yes\n"
-          "$   Receive Queue: 0 entries\n"
-          "$   Queue bound: 256 entries, 262144 bytes (held: 0)\n"
-          "$   Master bound: 512 masters, 2097152 bytes of data (held: " +
-          std::to_string(slave->getMasterDataBytes()) +
-          ")\n"
-          "$   Dropped: 0 queue full, 0 new masters over the master bound, 0 new masters and 0 "
-          "changes over the data bound\n"
-          "$   Supported Connectors (1):\n"
-          "$     Client: Version 0\n"
-          "$   --- (1 connectors) ---\n"
-          "$   Masters (1):\n"
-          "$     127.0.0.1:5000 (timeout expired: no, changeCount: 3):\n"
-          "$       NetworkId: 1\n"
-          "$       DeviceId: 2 ('dev')\n"
-          "$       Connectors (1):\n"
-          "$         1: Client (IP 10.0.0.1:6000, version 0, clusterId 4, 1 announcements):\n"
-          "$           ConnectionId 1 (type 1): available ('n1')\n"
-          "$         --- (1 announcements) ---\n"
-          "$       --- Connectors (1) ---\n"
-          "$   --- (1 masters) ---\n");
+  const std::string socket = std::to_string(fake->getFd());
+  const std::string held = std::to_string(slave->getMasterDataBytes());
+  // clang-format off
+  EXPECT_EQ(out.str(),
+            "$ MC Announce Client:\n"
+            "$   NetworkId: 1\n"
+            "$   Interface: 'lo'\n"
+            "$   MC group: 239.255.77.1:4000\n"
+            "$   Socket: " + socket + "\n"
+            "$   Enabled: yes\n"
+            "$   Receive Queue: 0 entries\n"
+            "$   Queue bound: 256 entries, 262144 bytes (held: 0)\n"
+            "$   Master bound: 512 masters, 2097152 bytes of data (held: " + held + ")\n"
+            "$   Dropped: 0 queue full, 0 new masters over the master bound, 0 new masters and 0 "
+            "changes over the data bound\n"
+            "$   Supported Connectors (1):\n"
+            "$     Client: Version 0\n"
+            "$   --- (1 connectors) ---\n"
+            "$   Masters (1):\n"
+            "$     127.0.0.1:5000 (timeout expired: no, changeCount: 3):\n"
+            "$       NetworkId: 1\n"
+            "$       DeviceId: 2 ('dev')\n"
+            "$       Connectors (1):\n"
+            "$         1: Client (IP 10.0.0.1:6000, version 0, clusterId 4, 1 announcements):\n"
+            "$           ConnectionId 1 (type 1): available ('n1')\n"
+            "$         --- (1 announcements) ---\n"
+            "$       --- Connectors (1) ---\n"
+            "$   --- (1 masters) ---\n");
+  // clang-format on
   slave->setEnabled(false);
   EXPECT_TRUE(slave->getMasters().empty());
 }

@@ -33,6 +33,17 @@ void TavrinLogging::initCallback(LogCallback logCallback_, OriginNameCallback or
                            : OriginNameCallback([](int) -> const char* { return "Unknown"; });
 }
 
+const char* TavrinLogging::originToString(int origin) const {
+  const char* name = originNameCallback(origin);
+  if (name) return name;
+  // A few buffers per thread, so that several numbers in one log call stay apart.
+  static thread_local char numbers[4][12];
+  static thread_local unsigned next = 0;
+  char* text = numbers[next++ % 4];
+  std::snprintf(text, sizeof numbers[0], "%d", origin);
+  return text;
+}
+
 void TavrinLogging::setAllComponentsSeverity(SeverityLevel::Type level) {
   if (!SeverityLevel::isValidNum(level)) return;
   componentSeverity.clear();

@@ -47,7 +47,8 @@ class TavrinLogging {
   bool isEnabled(int origin, SeverityLevel::Type severity) const {
     return getComponentSeverity(origin) >= severity;
   }
-  const char* originToString(int origin) const { return originNameCallback(origin); }
+  // The name callback's text, or the origin's number where the callback returns null.
+  const char* originToString(int origin) const;
 
   // Formats one line (printf conventions) and hands it to the log callback. With the prefix the
   // line starts with "<origin name>: <severity name>: ". Does not test the level.

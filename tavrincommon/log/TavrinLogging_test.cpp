@@ -83,6 +83,13 @@ TEST_F(TavrinLoggingTest, PrefixesOriginAndSeverityNames) {
   TavrinLogging unnamed(SeverityLevel::Maximum, capture());
   unnamed.log<true>(6, SeverityLevel::Info, "x");
   EXPECT_EQ(lines.back().text, "Unknown: Info: x");
+
+  // A name callback that knows no name for an origin: its number stands in, also as an argument.
+  TavrinLogging partlyNamed(SeverityLevel::Maximum, capture(),
+                            [](int origin) { return origin == 6 ? "Scheduler" : nullptr; });
+  partlyNamed.log<true>(42, SeverityLevel::Info, "%s and %s", partlyNamed.originToString(-7),
+                        partlyNamed.originToString(6));
+  EXPECT_EQ(lines.back().text, "42: Info: -7 and Scheduler");
 }
 
 TEST_F(TavrinLoggingTest, CutsLinesAt2047CharactersPrefixIncluded) {

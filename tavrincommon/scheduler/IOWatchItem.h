@@ -1,9 +1,13 @@
 // What a caller registers with the scheduler's IO watcher, and the handle it gets back.
-// Plain values; the handle must not be used after the scheduler is destroyed.
+// Plain values. A handle keeps its registration's record alive, so a handle (or a copy) that is
+// used after its registration was removed is recognised; it must not be used after the scheduler
+// is destroyed.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <utility>
 
 namespace tavrinScheduler {
 
@@ -26,15 +30,15 @@ struct IOWatchItem {
 class IOWatchHandle {
  public:
   IOWatchHandle() = default;
-  explicit IOWatchHandle(IOWatchListEntry* entry_) : entry(entry_) {}
+  explicit IOWatchHandle(std::shared_ptr<IOWatchListEntry> entry_) : entry(std::move(entry_)) {}
 
   bool empty() const { return entry == nullptr; }
   explicit operator bool() const { return entry != nullptr; }
-  IOWatchListEntry* get() const { return entry; }
-  void clear() { entry = nullptr; }
+  IOWatchListEntry* get() const { return entry.get(); }
+  void clear() { entry.reset(); }
 
  private:
-  IOWatchListEntry* entry = nullptr;
+  std::shared_ptr<IOWatchListEntry> entry;
 };
 
 }  // namespace tavrinScheduler

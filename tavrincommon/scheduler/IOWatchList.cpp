@@ -11,18 +11,18 @@ using tavrinCommon::TinyMutexGuard;
 
 IOWatchList::~IOWatchList() { clear({}); }
 
-IOWatchListEntry* IOWatchList::add(std::unique_ptr<IOWatchListEntry>&& entry) {
+void IOWatchList::add(const std::shared_ptr<IOWatchListEntry>& entry) {
   TinyMutexGuard guard(mutex);
-  IOWatchListEntry* raw = entry.get();
-  raw->position = entries.insert(entries.end(), std::move(entry));
-  return raw;
+  entry->position = entries.insert(entries.end(), entry);
 }
 
-void IOWatchList::remove(const IOWatchListEntry* entry) {
+void IOWatchList::remove(IOWatchListEntry* entry) {
   TinyMutexGuard guard(mutex);
+  if (entry->position == entries.end()) return;
   auto position = entry->position;
   removedEntries.push_back(std::move(*position));
   entries.erase(position);
+  entry->position = entries.end();
 }
 
 void IOWatchList::clearRemovedEntries() {
@@ -32,8 +32,9 @@ void IOWatchList::clearRemovedEntries() {
 
 void IOWatchList::clear(const std::function<void(IOWatchListEntry*)>& fn) {
   TinyMutexGuard guard(mutex);
-  if (fn) {
-    for (auto& entry : entries) fn(entry.get());
+  for (auto& entry : entries) {
+    if (fn) fn(entry.get());
+    entry->position = entries.end();
   }
   entries.clear();
   removedEntries.clear();
@@ -50,6 +51,11 @@ IOWatchListEntry* IOWatchList::getEntryByFd(int fd) {
     if (entry->fd == fd) return entry.get();
   }
   return nullptr;
+}
+
+void IOWatchList::forEach(const std::function<void(IOWatchListEntry*)>& fn) {
+  TinyMutexGuard guard(mutex);
+  for (auto& entry : entries) fn(entry.get());
 }
 
 bool IOWatchList::empty() {

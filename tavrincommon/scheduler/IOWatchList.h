@@ -1,6 +1,6 @@
 // The list of IO registrations of one watcher, and the queue of removed entries that are kept
 // until the next wait begins so that a pending event of a removed registration is recognised.
-// Owns its entries. Every operation takes the list's own mutex.
+// Shares its entries with the handles given out. Every operation takes the list's own mutex.
 #pragma once
 
 #include "tavrincommon/common/TinyMutex.h"
@@ -30,7 +30,10 @@ class IOWatchListEntry {
   uint32_t callCount = 0;
   // Set with the callback emptied; lets the watcher tell a removal during the entry's own call.
   bool removed = false;
-  std::list<std::unique_ptr<IOWatchListEntry>>::iterator position;
+  // Registered in epoll under this entry. Cleared when its descriptor number was found to belong
+  // to a newer registration: removing this entry must not unregister that one.
+  bool inEpoll = false;
+  std::list<std::shared_ptr<IOWatchListEntry>>::iterator position;
 };
 
 class IOWatchList {
@@ -40,21 +43,24 @@ class IOWatchList {
   IOWatchList(const IOWatchList&) = delete;
   IOWatchList& operator=(const IOWatchList&) = delete;
 
-  IOWatchListEntry* add(std::unique_ptr<IOWatchListEntry>&& entry);
-  // Moves the entry to the removed-entries queue; it is not freed yet.
-  void remove(const IOWatchListEntry* entry);
+  void add(const std::shared_ptr<IOWatchListEntry>& entry);
+  // Moves the entry to the removed-entries queue; it is not freed yet. An entry removed already
+  // is left alone.
+  void remove(IOWatchListEntry* entry);
   void clearRemovedEntries();
   // Calls fn (if set) for every registration in order, then frees every entry.
   void clear(const std::function<void(IOWatchListEntry*)>& fn);
   IOWatchListEntry* getFirstEntry();
   IOWatchListEntry* getEntryByFd(int fd);
+  // Calls fn for every live entry, in order, with the list's mutex held: fn must not use the list.
+  void forEach(const std::function<void(IOWatchListEntry*)>& fn);
   bool empty();
   void dump(std::ostream& out, const char* prefix);
 
  private:
   tavrinCommon::TinyMutex mutex;
-  std::list<std::unique_ptr<IOWatchListEntry>> entries;
-  std::deque<std::unique_ptr<IOWatchListEntry>> removedEntries;
+  std::list<std::shared_ptr<IOWatchListEntry>> entries;
+  std::deque<std::shared_ptr<IOWatchListEntry>> removedEntries;
 };
 
 }  // namespace tavrinScheduler

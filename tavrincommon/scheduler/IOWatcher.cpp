@@ -40,13 +40,26 @@ IOWatcher::~IOWatcher() {
 }
 
 IOWatchHandle IOWatcher::addItem(const IOWatchItem& item, int origin) {
-  IOWatchListEntry* entry =
-      list.add(std::make_unique<IOWatchListEntry>(item.fd, item.events, item.callback, origin));
+  auto entry = std::make_shared<IOWatchListEntry>(item.fd, item.events, item.callback, origin);
   epoll_event event{};
   event.events = item.events;
-  event.data.ptr = entry;
-  epoll_ctl(epollFd, EPOLL_CTL_ADD, item.fd, &event);
-  return IOWatchHandle(entry);
+  event.data.ptr = entry.get();
+  entry->inEpoll = epoll_ctl(epollFd, EPOLL_CTL_ADD, item.fd, &event) == 0;
+  if (entry->inEpoll) {
+    // epoll took a descriptor number that a live watch still claims: that watch's descriptor was
+    // closed before the watch was removed, and the number has been given out again.
+    list.forEach([this, &item](IOWatchListEntry* other) {
+      if (other->fd != item.fd || !other->inEpoll || other->removed) return;
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+                 "IO watch %s (fd: %d) outlived its descriptor: close a descriptor only after "
+                 "removing its watch",
+                 logging->originToString(other->origin), other->fd);
+      other->inEpoll = false;
+      rebuildNeeded = true;  // the old file may still be open elsewhere, and registered
+    });
+  }
+  list.add(entry);
+  return IOWatchHandle(std::move(entry));
 }
 
 void IOWatcher::modifyItem(const IOWatchHandle& handle, unsigned events) {
@@ -55,6 +68,7 @@ void IOWatcher::modifyItem(const IOWatchHandle& handle, unsigned events) {
 }
 
 void IOWatcher::modifyItem(IOWatchListEntry* entry, unsigned events) {
+  if (entry->removed || !entry->inEpoll) return;
   if (((entry->events ^ events) & ~kEdgeTriggered) == 0) return;
   entry->events = events | (entry->events & kEdgeTriggered);
   epoll_event event{};
@@ -66,29 +80,68 @@ void IOWatcher::modifyItem(IOWatchListEntry* entry, unsigned events) {
 void IOWatcher::removeItem(IOWatchHandle& handle) {
   if (handle.empty()) return;
   IOWatchListEntry* entry = handle.get();
-  removeItemFromPoll(entry);
-  list.remove(entry);
+  if (entry->removed) {
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "IO watch %s (fd: %d) removed again: ignored",
+               logging->originToString(entry->origin), entry->fd);
+  } else {
+    removeItemFromPoll(entry);
+    list.remove(entry);
+  }
   handle.clear();
 }
 
 void IOWatcher::removeItem(int fd) {
   IOWatchListEntry* entry = list.getEntryByFd(fd);
   if (!entry) return;
-  IOWatchHandle handle(entry);
-  removeItem(handle);
+  removeItemFromPoll(entry);
+  list.remove(entry);
 }
 
 void IOWatcher::removeItemFromPoll(IOWatchListEntry* entry) {
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Removing %s from IO Watch List",
              logging->originToString(entry->origin));
-  if (epoll_ctl(epollFd, EPOLL_CTL_DEL, entry->fd, nullptr) != 0) {
+  if (entry->inEpoll && epoll_ctl(epollFd, EPOLL_CTL_DEL, entry->fd, nullptr) != 0) {
     int error = errno;
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
                "EPOLL_CTL_DEL remove failed (origin: %s, fd: %d): %s (%d)",
                logging->originToString(entry->origin), entry->fd, std::strerror(error), error);
+    // The descriptor was closed (or its number reused) before the watch was removed: if its file
+    // is still open elsewhere, epoll keeps reporting it under this entry, which is about to go.
+    if (error == EBADF || error == ENOENT) rebuildNeeded = true;
   }
+  entry->inEpoll = false;
   entry->removed = true;
   entry->callback = nullptr;
+}
+
+// Registrations that cannot be taken back one by one go with the whole epoll instance: a new one
+// gets the eventfd and every live registration. Runs with the loop mutex held, before any
+// removed entry is freed.
+void IOWatcher::rebuild() {
+  rebuildNeeded = false;
+  const int fresh = epoll_create1(EPOLL_CLOEXEC);
+  if (fresh < 0) {
+    int error = errno;
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error, "epoll_create1 failed: %s (%d)",
+               std::strerror(error), error);
+    return;
+  }
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = nullptr;
+  epoll_ctl(fresh, EPOLL_CTL_ADD, eventFd, &event);
+  list.forEach([fresh](IOWatchListEntry* entry) {
+    if (!entry->inEpoll) return;
+    epoll_event registration{};
+    registration.events = entry->events;
+    registration.data.ptr = entry;
+    entry->inEpoll = epoll_ctl(fresh, EPOLL_CTL_ADD, entry->fd, &registration) == 0;
+  });
+  close(epollFd);
+  epollFd = fresh;
+  // Pending eventfd wake-ups were in the old instance: make the next wait return at once.
+  wakeRequested.store(true);
 }
 
 void IOWatcher::wakeup() {
@@ -101,6 +154,10 @@ void IOWatcher::wakeup() {
 }
 
 void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex) {
+  if (rebuildNeeded) {
+    tavrinCommon::TinyMutexGuard guard(loopMutex);
+    rebuild();
+  }
   list.clearRemovedEntries();
   inWatch.store(true);
   const IOWatcher* outerWatcher = watchingOnThisThread;
@@ -119,6 +176,10 @@ void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loop
   for (;;) {
     const MonotonicMs now;
     if (now - start > kMaxWatchMs) return;
+    if (rebuildNeeded) {
+      tavrinCommon::TinyMutexGuard guard(loopMutex);
+      rebuild();
+    }
     if (wakeRequested.exchange(false)) woken = true;
     int timeout = (woken || now >= deadline) ? 0 : deadline - now;
     int n = epoll_wait(epollFd, events, kMaxEventsPerWait, timeout);

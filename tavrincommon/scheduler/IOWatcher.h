@@ -33,7 +33,8 @@ class IOWatcher {
   // EPOLLET, once registered, is kept; a mask equal but for EPOLLET changes nothing.
   void modifyItem(const IOWatchHandle& handle, unsigned events);
   void modifyItem(IOWatchListEntry* entry, unsigned events);
-  // Unregisters and clears the handle; an empty handle is ignored.
+  // Unregisters and clears the handle; an empty handle is ignored, a handle whose registration
+  // was removed already is logged and ignored.
   void removeItem(IOWatchHandle& handle);
   // Unregisters the first registration of `fd`, if any.
   void removeItem(int fd);
@@ -51,8 +52,13 @@ class IOWatcher {
   void dump(std::ostream& out, const char* prefix) { list.dump(out, prefix); }
 
  private:
+  void rebuild();
+
   tavrinLog::TavrinLogging* logging;
   int epollFd;
+  // Set when a registration could not be taken back from epoll (its descriptor was closed before
+  // its watch was removed); the next wait first moves to a new epoll instance.
+  std::atomic<bool> rebuildNeeded{false};
   int eventFd;
   IOWatchList list;
   // A wake-up outside watch() needs no write: the next watch() sees the request before it waits.

@@ -172,9 +172,67 @@ TEST_F(IOWatcherTest, DestructionFreesAndUnregistersWhatIsLeft) {
   EXPECT_EQ(log.count("Scheduler: Debug: Freeing an entry (MCAnnounce, events: 0x00000001)"), 1u)
       << log.text();
   EXPECT_EQ(log.count("Scheduler: Debug: Freeing an entry (Sockets, events: 0x00000001)"), 1u);
-  EXPECT_TRUE(log.contains("Scheduler: Error: EPOLL_CTL_DEL remove failed (origin: Sockets, fd: " +
-                           std::to_string(pipe.readEnd()) + "): "))
+}
+
+// Applications get the order wrong: a watch removed twice, a descriptor closed before its watch
+// is removed (its number then given out again, or its file still open through a duplicate).
+// None of it may free a registration twice, unregister someone else's, or leave epoll pointing
+// at a freed entry.
+TEST_F(IOWatcherTest, MisusedWatchesNeitherCorruptNorHitOtherRegistrations) {
+  int calls = 0;
+  auto count = [&calls](int) {
+    ++calls;
+    return IOWatchItem::Unchanged;
+  };
+  Pipe once;
+  IOWatchHandle handle = watchReadable(once, count);
+  IOWatchHandle copy = handle;
+  watcher.removeItem(once.readEnd());
+  watcher.removeItem(handle);
+  watcher.removeItem(copy);
+  EXPECT_EQ(log.count("Scheduler: Error: IO watch UnitTests (fd: " +
+                      std::to_string(once.readEnd()) + ") removed again: ignored"),
+            2u)
       << log.text();
+
+  // Closed, and its number taken by a new registration: removing the old watch keeps the new.
+  auto* reused = new Pipe;
+  IOWatchHandle old = watchReadable(*reused, count);
+  const int number = reused->readEnd();
+  delete reused;
+  Pipe successor;
+  ASSERT_EQ(successor.readEnd(), number) << "the lowest free descriptor number is given out";
+  int successorCalls = 0;
+  IOWatchHandle current = watchReadable(successor, [&](int) {
+    ++successorCalls;
+    successor.take();
+    return IOWatchItem::Unchanged;
+  });
+  EXPECT_TRUE(log.contains("Scheduler: Error: IO watch UnitTests (fd: " + std::to_string(number) +
+                           ") outlived its descriptor"))
+      << log.text();
+  watcher.removeItem(old);
+  successor.put();
+  watchFor(20);
+  EXPECT_EQ(successorCalls, 1);
+
+  // Closed while a duplicate keeps the file open: epoll keeps reporting it after the removal.
+  Pipe duplicated;
+  const int keeper = dup(duplicated.readEnd());
+  const int closedEarly = dup(duplicated.readEnd());
+  IOWatchItem item;
+  item.fd = closedEarly;
+  item.events = EPOLLIN;
+  item.callback = count;
+  IOWatchHandle zombie = watcher.addItem(item, 8);
+  close(closedEarly);
+  duplicated.put();
+  watcher.removeItem(zombie);
+  for (int turn = 0; turn < 3; ++turn) watchFor(10);  // freed entries must not be reported
+  EXPECT_EQ(calls, 0);
+  EXPECT_LE(log.count("Triggered already removed event"), 1u) << log.text();
+  close(keeper);
+  watcher.removeItem(current);
 }
 
 }  // namespace

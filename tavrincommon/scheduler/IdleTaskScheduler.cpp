@@ -67,12 +67,11 @@ void IdleTaskScheduler::runIdleTasks() {
     });
 
     std::unique_lock<std::mutex> lock(mutex);
-    auto deadline = std::chrono::system_clock::now();
-    if (allWaiting) deadline += std::chrono::seconds(kIdleSleepSeconds);
-    // The wake flag is cleared only by start(): once a task has been added, rounds follow each
-    // other without pause, at the idle thread's low priority.
-    condition.wait_until(lock, deadline, [this] { return wake; });
+    if (allWaiting) {
+      condition.wait_for(lock, std::chrono::seconds(kIdleSleepSeconds), [this] { return wake; });
+    }
     if (stopRequested) return;
+    wake = false;
   }
 }
 

@@ -1,6 +1,8 @@
 // Runs idle tasks, workers of low urgency, on a thread of their own at nice 15, without the loop
-// mutex: an idle task that touches objects of the loop takes the loop mutex itself. addWorker
-// from any thread (it waits while a round runs); start and stop from the owner's thread.
+// mutex: an idle task that touches objects of the loop takes the loop mutex itself. A round runs
+// every task once; after a round in which no task asked to continue, the thread sleeps until a
+// task is added, stop() is called, or kIdleSleepSeconds have passed. addWorker from any thread;
+// start and stop from the owner's thread.
 #pragma once
 
 #include "tavrincommon/scheduler/WorkerList.h"
@@ -41,6 +43,7 @@ class IdleTaskScheduler {
 
  private:
   tavrinLog::TavrinLogging* logging;
+  // Set by addWorker and stop, consumed by the idle thread before it decides to sleep.
   bool wake = false;
   std::mutex mutex;
   std::condition_variable condition;

@@ -2,6 +2,7 @@
 
 #include "tavrincommon/common/ThreadHelper.h"
 #include "tavrincommon/scheduler/Scheduler.h"
+#include "tavrincommon/scheduler/SimpleWorker.h"
 #include "tavrincommon/scheduler/Worker.h"
 #include "tavrincommon/testing/LogCapture.h"
 
@@ -11,11 +12,14 @@
 #include <chrono>
 #include <thread>
 
+#include <time.h>
+
 #include <sys/resource.h>
 
 namespace {
 
 using namespace std::chrono_literals;
+using tavrinScheduler::SimpleWorker;
 using tavrinScheduler::Worker;
 
 class IdleWorker : public Worker {
@@ -88,6 +92,67 @@ TEST_F(IdleTaskSchedulerTest, StopWithoutStartAndDestructionWhileRunningAreSafe)
   EXPECT_TRUE(waitFor([&] { return repeating.calls > 0; }));
   temporary.reset();  // joins the idle thread
   EXPECT_FALSE(repeating.isScheduled());
+}
+
+TEST_F(IdleTaskSchedulerTest, IdleThreadSleepsWhileEveryTaskWaits) {
+  IdleWorker waiting(Worker::Wait);
+  scheduler.startIdleTask();
+  scheduler.addIdleTask(&waiting);
+  ASSERT_TRUE(waitFor([&] { return waiting.calls >= 1; }));
+  timespec before{};
+  timespec after{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
+  std::this_thread::sleep_for(1s);  // a window for measuring, not a synchronisation
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
+  const double cpuSeconds =
+      static_cast<double>(after.tv_sec - before.tv_sec) + (after.tv_nsec - before.tv_nsec) / 1e9;
+  EXPECT_LT(cpuSeconds, 0.1);
+  EXPECT_LT(waiting.calls, 10);
+
+  IdleWorker added(Worker::Finished);  // an added task wakes it
+  scheduler.addIdleTask(&added);
+  EXPECT_TRUE(waitFor([&] { return added.calls == 1; }));
+  scheduler.getIdleTaskScheduler().stop();
+}
+
+// The idle list and the main list are separate: removing a worker from one never touches the
+// other, and a worker leaves whichever list holds it when destroyed, also from its own call.
+TEST_F(IdleTaskSchedulerTest, DestroyedIdleWorkerLeavesOnlyTheIdleList) {
+  int mainRuns = 0;
+  SimpleWorker first(&scheduler, 8);
+  SimpleWorker second(&scheduler, 8);
+  for (SimpleWorker* worker : {&first, &second}) {
+    worker->setFunction([&] {
+      ++mainRuns;
+      return Worker::Finished;
+    });
+    scheduler.addWorker(worker);
+  }
+  {
+    SimpleWorker idle(&scheduler, 8);
+    scheduler.addIdleTask(&idle);
+    scheduler.addIdleTask(&first);  // in the main list already: refused
+  }
+  EXPECT_TRUE(scheduler.getIdleTaskScheduler().getWorkerList().empty());
+  scheduler.run(0);
+  EXPECT_EQ(mainRuns, 2);
+
+  IdleWorker stays(Worker::Continue);
+  std::atomic<int> selfDestroyed{0};
+  auto* selfDestroying = new SimpleWorker(&scheduler, 8);
+  selfDestroying->setFunction([&, selfDestroying] {
+    delete selfDestroying;
+    ++selfDestroyed;
+    return Worker::Continue;
+  });
+  scheduler.addIdleTask(selfDestroying);
+  scheduler.addIdleTask(&stays);
+  scheduler.startIdleTask();
+  const int before = stays.calls;
+  EXPECT_TRUE(waitFor([&] { return stays.calls > before + 5; }));
+  EXPECT_EQ(selfDestroyed, 1);
+  EXPECT_EQ(scheduler.getIdleTaskScheduler().getWorkerList().size(), 1u);
+  scheduler.getIdleTaskScheduler().stop();
 }
 
 }  // namespace

@@ -44,8 +44,17 @@ void Scheduler::modifyIOItem(IOWatchHandle& handle, int events) {
   ioWatcher.modifyItem(handle, static_cast<unsigned>(events));
 }
 
+// The active set is touched only with the loop mutex held, by the loop and by any thread that
+// disarms; tasks armed from other threads wait in their own set until the loop, holding both
+// mutexes (loop mutex first), activates them.
 void Scheduler::addTimeout(TimeoutTask* task, int ms) {
   if (onOwnerThread()) {
+    TinyMutexGuard guard(loopMutex);
+    // A later arming from the loop wins over an earlier one from another thread still waiting.
+    if (timeoutsPending.load(std::memory_order_acquire)) {
+      TinyMutexGuard waitingGuard(timeoutsMutex);
+      timeoutTaskScheduler.removeFromWaitingTasks(task);
+    }
     timeoutTaskScheduler.add(task, ms);
   } else {
     addThreadsafeTimeout(task, ms);
@@ -60,22 +69,33 @@ void Scheduler::addThreadsafeTimeout(TimeoutTask* task, int ms) {
   timeoutsPending.store(true, std::memory_order_release);
 }
 
+// Holding the loop mutex, which every timeout callback runs under: once this returns, the task's
+// callback is not running (unless this is called from inside it) and will not start.
 void Scheduler::disableTimeout(TimeoutTask* task) {
-  {
-    TinyMutexGuard guard(loopMutex);
-    timeoutTaskScheduler.removeTask(task);
-  }
+  TinyMutexGuard guard(loopMutex);
+  timeoutTaskScheduler.removeTask(task);
   if (timeoutsPending.load(std::memory_order_acquire)) {
-    TinyMutexGuard guard(timeoutsMutex);
+    TinyMutexGuard waitingGuard(timeoutsMutex);
     timeoutTaskScheduler.removeFromWaitingTasks(task);
   }
+}
+
+void Scheduler::activatePendingTimeouts() {
+  if (!timeoutsPending.load(std::memory_order_acquire)) return;
+  TinyMutexGuard guard(timeoutsMutex);
+  timeoutsPending.store(false, std::memory_order_relaxed);
+  timeoutTaskScheduler.activateWaitingTasks();
 }
 
 void Scheduler::addWorker(Worker* worker) {
   if (taskScheduler.add(worker)) ioWatcher.wakeup();
 }
 
-void Scheduler::removeWorker(Worker* worker) { taskScheduler.remove(worker); }
+// Each list leaves alone a worker that another list holds, so asking both is safe.
+void Scheduler::removeWorker(Worker* worker) {
+  taskScheduler.remove(worker);
+  idleTaskScheduler.getWorkerList().remove(worker);
+}
 
 void Scheduler::addIdleTask(Worker* worker) { idleTaskScheduler.addWorker(worker); }
 
@@ -84,13 +104,6 @@ void Scheduler::startIdleTask() { idleTaskScheduler.start(); }
 void Scheduler::run(int timeoutMs) {
   const int wait = std::min(timeoutMs, watchdog->getResetTimeoutMs());
   MonotonicMs deadline = MonotonicMs() + wait;
-
-  if (timeoutsPending.load(std::memory_order_acquire)) {
-    TinyMutexGuard guard(timeoutsMutex);
-    timeoutsPending.store(false, std::memory_order_relaxed);
-    timeoutTaskScheduler.activateWaitingTasks();
-  }
-
   runTasksAndTimeouts(deadline);
   watchdog->reset();
   ioWatcher.watch(deadline, loopMutex);
@@ -99,6 +112,7 @@ void Scheduler::run(int timeoutMs) {
 
 void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline) {
   TinyMutexGuard guard(loopMutex);
+  activatePendingTimeouts();
   // A pass that ran out of budget leaves work behind: the IO wait must not block.
   if (runTasks()) deadline = MonotonicMs();
   runTimeouts(deadline);

@@ -46,19 +46,24 @@ class Scheduler {
   virtual void modifyIOItem(IOWatchHandle& handle, int events);
   // Arms (or re-arms) the task `ms` milliseconds from now. Any thread; wakes the loop.
   virtual void addTimeout(TimeoutTask* task, int ms);
-  // Disarms the task; harmless when it is not armed. Any thread.
+  // Disarms the task; harmless when it is not armed. Any thread: waits while a timeout callback
+  // runs, and once it returns the task's callback is not running and does not start (unless it
+  // is called from inside that callback).
   virtual void disableTimeout(TimeoutTask* task);
   // Schedules the worker at the end of the list unless it is scheduled. Any thread; wakes the loop.
   virtual void addWorker(Worker* worker);
-  // Any thread; harmless when the worker is not scheduled.
+  // Takes the worker out of the main or the idle list, whichever holds it; harmless when it is in
+  // neither. Any thread. A worker that the idle thread is running is waited for (see
+  // WorkerList::remove): do not call this holding a lock that the worker's work() takes.
   virtual void removeWorker(Worker* worker);
-  // Hands the worker to the idle thread. Any thread.
+  // Hands the worker to the idle thread unless it is in a worker list already. Any thread.
   virtual void addIdleTask(Worker* worker);
   virtual void startIdleTask();
 
-  // One turn of the loop: pending timeouts activated, a worker pass, due timeouts, the watchdog
-  // fed, IO waited for and dispatched until the turn's deadline, the watchdog fed again. Waits at
-  // most `timeoutMs` and never longer than the watchdog's reset time. Loop thread only.
+  // One turn of the loop: timeouts armed from other threads activated, a worker pass, due timeouts,
+  // the watchdog fed, IO waited for and dispatched until the turn's deadline, the watchdog fed
+  // again. Waits at most `timeoutMs` and never longer than the watchdog's reset time. Loop thread
+  // only.
   void run(int timeoutMs);
   void runTasksAndTimeouts(tavrinCommon::MonotonicMs& deadline);
   // The worker pass; true when it ran out of budget with workers still scheduled.
@@ -81,6 +86,8 @@ class Scheduler {
   void dump(std::ostream& out, const char* prefix);
 
  private:
+  // With the loop mutex held.
+  void activatePendingTimeouts();
   bool onOwnerThread() const { return pthread_equal(pthread_self(), ownerThread) != 0; }
 
   IdleTaskScheduler idleTaskScheduler;

@@ -299,16 +299,45 @@ TEST_F(SchedulerTest, OtherThreadWakesALoopWaitingWithALongDeadline) {
   EXPECT_LT(firedAt - armedAt, 1000ms);
 }
 
-TEST_F(SchedulerTest, TimeoutDisabledBeforeActivationNeverFires) {
-  int fired = 0;
-  SimpleTimer timer(&scheduler, 0, [&] { ++fired; }, 8);
-  std::thread other([&] {
-    scheduler.addTimeout(&timer, 0);
-    scheduler.disableTimeout(&timer);
-  });
-  other.join();
-  tavrinTesting::runFor(scheduler, 50ms);
-  EXPECT_EQ(fired, 0);
+// Two threads arm and disarm while the loop turns: once disableTimeout has returned, the
+// callback must not start (and ThreadSanitizer must find nothing on the timeout sets).
+TEST_F(SchedulerTest, TimeoutsDisarmedFromOtherThreadsNeverFireAfterwards) {
+  struct Probe : tavrinScheduler::TimeoutTask {
+    Probe() : TimeoutTask(8) {}
+    void timeout() override {
+      if (!armed) ++late;
+      ++fired;
+    }
+    std::atomic<bool> armed{false};
+    std::atomic<int> fired{0};
+    std::atomic<int> late{0};
+  };
+  Probe probes[2];
+  std::atomic<bool> stop{false};
+  auto armAndDisarm = [&](Probe* probe) {
+    for (unsigned round = 0; !stop; ++round) {
+      probe->armed = true;
+      scheduler.addTimeout(probe, 0);
+      if (round % 2 == 1) {  // every other round lets the loop fire it first
+        const int before = probe->fired;
+        const auto end = Clock::now() + 100ms;
+        while (probe->fired == before && Clock::now() < end) std::this_thread::yield();
+      }
+      scheduler.disableTimeout(probe);
+      probe->armed = false;
+    }
+  };
+  std::thread first(armAndDisarm, &probes[0]);
+  std::thread second(armAndDisarm, &probes[1]);
+  tavrinTesting::runFor(scheduler, 1000ms, 0);
+  stop = true;
+  first.join();
+  second.join();
+  tavrinTesting::runFor(scheduler, 20ms);
+  for (const Probe& probe : probes) {
+    EXPECT_EQ(probe.late, 0);
+    EXPECT_GT(probe.fired, 0);
+  }
 }
 
 TEST_F(SchedulerTest, WatchdogBoundsTheWaitAndIsFedTwicePerTurn) {

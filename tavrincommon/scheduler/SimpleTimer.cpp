@@ -7,8 +7,9 @@
 namespace tavrinScheduler {
 
 namespace {
-std::function<void()> orNothing(std::function<void()> callback) {
-  return callback ? std::move(callback) : std::function<void()>([] {});
+std::shared_ptr<const std::function<void()>> orNothing(std::function<void()> callback) {
+  if (!callback) callback = [] {};
+  return std::make_shared<const std::function<void()>>(std::move(callback));
 }
 }  // namespace
 
@@ -43,7 +44,8 @@ void SimpleTimer::stop() {
 
 void SimpleTimer::timeout() {
   fired = true;
-  callback();
+  const std::shared_ptr<const std::function<void()>> running = callback;
+  (*running)();
 }
 
 }  // namespace tavrinScheduler

@@ -5,6 +5,7 @@
 #include "tavrincommon/scheduler/TimeoutTask.h"
 
 #include <functional>
+#include <memory>
 
 namespace tavrinScheduler {
 
@@ -17,7 +18,7 @@ class SimpleTimer : public TimeoutTask {
 
   // (Re-)arms the timer for its interval.
   void start();
-  // Replaces the callback, then arms the timer.
+  // Replaces the callback, then arms the timer; also from inside the callback.
   void start(std::function<void()> callback_);
   void stop();
   // Called when due: sets fired, then calls the callback. The timer stays marked armed.
@@ -33,7 +34,8 @@ class SimpleTimer : public TimeoutTask {
   bool fired = false;
   Scheduler* scheduler;
   int intervalMs;
-  std::function<void()> callback;
+  // Shared so that a call keeps its function alive when it replaces it or destroys the timer.
+  std::shared_ptr<const std::function<void()>> callback;
 };
 
 }  // namespace tavrinScheduler

@@ -7,14 +7,22 @@
 namespace tavrinScheduler {
 
 SimpleWorker::SimpleWorker(Scheduler* scheduler_, int origin_)
-    : Worker(origin_), scheduler(scheduler_), function([] { return Worker::Finished; }) {}
+    : Worker(origin_), scheduler(scheduler_) {
+  setFunction({});
+}
 
 SimpleWorker::~SimpleWorker() {
   if (scheduler) scheduler->removeWorker(this);
 }
 
 void SimpleWorker::setFunction(Function function_) {
-  function = function_ ? std::move(function_) : Function([] { return Worker::Finished; });
+  if (!function_) function_ = [] { return Worker::Finished; };
+  function = std::make_shared<const Function>(std::move(function_));
+}
+
+Worker::Result SimpleWorker::work() {
+  const std::shared_ptr<const Function> running = function;
+  return (*running)();
 }
 
 }  // namespace tavrinScheduler

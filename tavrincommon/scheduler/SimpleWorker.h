@@ -1,10 +1,13 @@
-// A worker that calls a function. Belongs to one scheduler, from which it removes itself when
-// destroyed, so a destroyed worker is never run. setFunction on the loop thread only.
+// A worker that calls a function. Belongs to one scheduler, from whose main or idle list it removes
+// itself when destroyed, so a destroyed worker is never run. Destroyed while the idle thread runs
+// it, the destructor waits for that call to return; destroyed from inside its own call, it leaves
+// the list at once. setFunction on the thread that runs the worker, or while it is in no list.
 #pragma once
 
 #include "tavrincommon/scheduler/Worker.h"
 
 #include <functional>
+#include <memory>
 
 namespace tavrinScheduler {
 
@@ -19,11 +22,13 @@ class SimpleWorker : public Worker {
 
   // An empty function is replaced by one that returns Finished.
   void setFunction(Function function_);
-  Result work() override { return function(); }
+  Result work() override;
 
  private:
   Scheduler* scheduler;
-  Function function;
+  // Shared so that a call keeps its function alive when it replaces the function or destroys the
+  // worker: a reference count per call, no copy of the function object.
+  std::shared_ptr<const Function> function;
 };
 
 }  // namespace tavrinScheduler

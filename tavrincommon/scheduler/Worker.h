@@ -1,6 +1,6 @@
 // A unit of deferred, time-sliced work that a worker list runs while it is scheduled. The list
-// keeps, never owns, its workers. `scheduled` and the call count may be read from any thread;
-// the list fields are changed only under the owning list's mutex.
+// keeps, never owns, its workers. Whether it is scheduled and the call count may be read from any
+// thread; the list fields are changed only under the mutex of the list that holds the worker.
 #pragma once
 
 #include <atomic>
@@ -30,14 +30,16 @@ class Worker {
 
   int getOrigin() const { return origin; }
   int32_t getCallCount() const { return callCount.load(std::memory_order_relaxed); }
-  bool isScheduled() const { return scheduled.load(std::memory_order_acquire); }
+  bool isScheduled() const { return holder.load(std::memory_order_acquire) != nullptr; }
 
  private:
   friend class WorkerList;
 
   int origin;
   std::atomic<int32_t> callCount{0};
-  std::atomic<bool> scheduled{false};
+  // The list that holds the worker (the main list or the idle list), null while it is in none:
+  // removal from another list leaves it alone.
+  std::atomic<WorkerList*> holder{nullptr};
   // The worker's own link into the list that holds it: removal needs no search.
   Worker* previous = nullptr;
   Worker* next = nullptr;

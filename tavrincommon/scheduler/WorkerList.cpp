@@ -13,10 +13,10 @@ using tavrinCommon::TinyMutexGuard;
 WorkerList::~WorkerList() { clear(); }
 
 bool WorkerList::add(Worker* worker, bool putBack) {
-  if (worker->scheduled.load(std::memory_order_acquire)) return false;
+  if (worker->holder.load(std::memory_order_acquire)) return false;
   TinyMutexGuard guard(mutex);
-  if (worker->scheduled.load(std::memory_order_relaxed)) return false;
-  worker->scheduled.store(true, std::memory_order_release);
+  WorkerList* none = nullptr;
+  if (!worker->holder.compare_exchange_strong(none, this, std::memory_order_acq_rel)) return false;
   if (putBack) worker->callCount.fetch_sub(1, std::memory_order_relaxed);
   worker->previous = tail;
   worker->next = nullptr;
@@ -31,6 +31,8 @@ bool WorkerList::add(Worker* worker, bool putBack) {
 }
 
 void WorkerList::unlink(Worker* worker) {
+  if (worker == cursor) cursor = worker->next;
+  if (worker == running) running = nullptr;
   if (worker->previous) {
     worker->previous->next = worker->next;
   } else {
@@ -42,14 +44,19 @@ void WorkerList::unlink(Worker* worker) {
     tail = worker->previous;
   }
   worker->previous = worker->next = nullptr;
-  worker->scheduled.store(false, std::memory_order_release);
+  worker->holder.store(nullptr, std::memory_order_release);
   --count;
 }
 
 void WorkerList::remove(Worker* worker) {
-  if (!worker->scheduled.load(std::memory_order_acquire)) return;
+  if (worker->holder.load(std::memory_order_acquire) != this) return;
   TinyMutexGuard guard(mutex);
-  if (!worker->scheduled.load(std::memory_order_relaxed)) return;
+  if (worker == running && std::this_thread::get_id() != iteratingThread) {
+    ++waitingRemovals;
+    while (worker == running) runningReturned.wait(mutex);
+    --waitingRemovals;
+  }
+  if (worker->holder.load(std::memory_order_relaxed) != this) return;
   unlink(worker);
 }
 
@@ -69,12 +76,21 @@ void WorkerList::clear() {
 
 void WorkerList::iterate(const std::function<bool(Worker*)>& fn) {
   TinyMutexGuard guard(mutex);
-  for (Worker* worker = head; worker;) {
-    Worker* following = worker->next;
+  iteratingThread = std::this_thread::get_id();
+  cursor = head;
+  while (Worker* worker = cursor) {
+    cursor = worker->next;
+    running = worker;
     worker->callCount.fetch_add(1, std::memory_order_relaxed);
-    if (fn(worker)) unlink(worker);
-    worker = following;
+    mutex.unlock();
+    const bool leave = fn(worker);
+    mutex.lock();
+    // A worker removed during its own call is not touched again: unlink() cleared `running`.
+    if (running == worker && leave) unlink(worker);
+    running = nullptr;
+    if (waitingRemovals > 0) runningReturned.notify_all();
   }
+  iteratingThread = std::thread::id();
 }
 
 bool WorkerList::empty() {

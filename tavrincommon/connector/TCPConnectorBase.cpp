@@ -50,10 +50,23 @@ TCPConnectorBase::TCPConnectorBase(tavrinScheduler::Scheduler* scheduler_,
       maxFrameLength(TCPTransceiver::kDefaultMaxFrameLength) {}
 
 TCPConnectorBase::~TCPConnectorBase() {
-  // The subclass has disabled the connector already; this only covers what its hooks would not.
+  // The subclass has torn down already: any callback run from here would reach an object whose
+  // subclass part is gone.
+  destroying = true;
   enabled = false;
-  stopAll();
-  connectionEvents.clear();
+  releaseAll();
+}
+
+void TCPConnectorBase::tearDown() {
+  destroying = true;
+  enabled = false;
+  cleanupSpecific();
+  disconnectAllConnections(DisconnectReason::shutdown);
+  releaseAll();
+}
+
+void TCPConnectorBase::releaseAll() {
+  pendingConnections.clear();
   activeConnections.clear();
   handlersToDestroy.clear();
   tcpConnections.clear();
@@ -63,6 +76,14 @@ TCPConnectorBase::~TCPConnectorBase() {
   keepAliveTimer.stop();
   scheduler->removeWorker(this);
   scheduler->disableTimeout(this);
+}
+
+bool TCPConnectorBase::refusedWhileDestroying(const char* request) const {
+  if (!destroying) return false;
+  TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+             "Refusing %s: TCPConnector %s %u is being destroyed", request,
+             ConnectorInterfaceType::getText(long{interfaceType}), connectorId);
+  return true;
 }
 
 void TCPConnectorBase::stopAll() {
@@ -93,7 +114,7 @@ void TCPConnectorBase::initCommon(unsigned connectorId_, unsigned deviceId_,
 }
 
 void TCPConnectorBase::setEnabled(bool enable) {
-  if (enable == enabled) return;
+  if (enable == enabled || (enable && refusedWhileDestroying("to enable"))) return;
   enabled = enable;
   cleanupSpecific();
   stopAll();

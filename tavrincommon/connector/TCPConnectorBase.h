@@ -73,7 +73,8 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   static constexpr int kWorkSliceMs = 300;
 
   TCPConnectorBase(tavrinScheduler::Scheduler* scheduler, tavrinLog::TavrinLogging* logging);
-  // Subclasses disable the connector in their own destructor, while their part still exists.
+  // Subclasses call tearDown() first in their own destructor; this one only releases what is
+  // left, and calls back no one.
   ~TCPConnectorBase() override;
 
   // Processes the connection events (at most about 300 ms per run), then destroys the handlers
@@ -86,7 +87,8 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   // the configuration.
   void initCommon(unsigned connectorId_, unsigned deviceId_, ConnectorInterfaceType::Type type,
                   tavrinNetwork::SimpleIp ip_, const ConnectionTimeout& timing_, bool mptcp_);
-  // Both directions end every pending, active and TCP connection with reason shutdown.
+  // Both directions end every pending, active and TCP connection with reason shutdown. Enabling
+  // is refused while the connector is being destroyed.
   void setEnabled(bool enable);
   // Restarts an enabled connector on the new address.
   void setIp(tavrinNetwork::SimpleIp ip_);
@@ -115,7 +117,7 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
 
   void sendPing(SingleTCPConnectionEndpoint& endpoint, unsigned additionalInfo);
 
-  // Handler factory registry.
+  // Handler factory registry. Adding is refused while the connector is being destroyed.
   void addConnectionHandler(unsigned short type, unsigned short version, HandlerFactory factory);
   void removeConnectionHandler(unsigned short type, unsigned short version);
   void removeConnectionHandlerType(unsigned short type);
@@ -269,8 +271,16 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   void disconnectEndpoint(SingleTCPConnectionEndpoint& connection, int reason, bool sendMessage);
   // Queues an ended handler for destruction by the worker.
   void queueHandlerForDestruction(std::unique_ptr<ConnectionHandlerBase>&& handler);
-  // The teardown shared by setEnabled(false) and the destructor.
+  // The teardown shared by setEnabled(false) and tearDown().
   void stopAll();
+  // The first step of a subclass's destructor, while its part still exists: ends everything with
+  // reason shutdown and releases what the connector holds. The callbacks this runs may ask for
+  // new work; it is refused from here on (see refusedWhileDestroying).
+  void tearDown();
+  // Destroys handlers and TCP connections and unregisters from the scheduler; calls back no one.
+  void releaseAll();
+  // True, after one log line, while the connector is being destroyed.
+  bool refusedWhileDestroying(const char* request) const;
 
   std::map<unsigned short, VersionMap> connectionHandlers;
   TCPConnectionMap tcpConnections;
@@ -287,6 +297,7 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   GeneralErrorCallback generalErrorCallback;
   std::map<unsigned short, ConnectionRejectedCallback> connectionRejectedCallbacks;
   bool enabled = false;
+  bool destroying = false;
   tavrinScheduler::SimpleTimer keepAliveTimer;
   std::map<unsigned, PendingConnectionData> pendingConnections;
   std::deque<std::pair<tavrinNetwork::SimpleEndpoint, bool>> connectionEvents;

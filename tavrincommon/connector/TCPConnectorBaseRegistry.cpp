@@ -28,6 +28,7 @@ constexpr int kOrigin = DefaultOrigins::TCPConnector;
 
 void TCPConnectorBase::addConnectionHandler(unsigned short type, unsigned short version,
                                             HandlerFactory factory) {
+  if (refusedWhileDestroying("to add a connection handler")) return;
   VersionMap& versions = connectionHandlers[type];
   auto inserted = versions.emplace(version, factory);
   if (inserted.second) {

@@ -67,10 +67,7 @@ TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
           },
           logging_) {}
 
-TCPConnectorMaster::~TCPConnectorMaster() {
-  setEnabled(false);
-  closeServerSocket();
-}
+TCPConnectorMaster::~TCPConnectorMaster() { tearDown(); }
 
 void TCPConnectorMaster::init(unsigned connectorId_, unsigned deviceId_,
                               ConnectorInterfaceType::Type type, unsigned clusterId_, SimpleIp ip_,
@@ -375,6 +372,7 @@ void TCPConnectorMaster::handleConnectionAcceptMessage(SingleTCPConnectionEndpoi
 // ---- allowed and automatic connections ----
 
 void TCPConnectorMaster::addAllowedConnection(unsigned connectionId, unsigned short type) {
+  if (refusedWhileDestroying("to add an allowed connection")) return;
   if (!verifyValidConnectionId(connectionId)) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
                "Failed to add allowed connection %u (type %u): Invalid connection id!",
@@ -430,6 +428,7 @@ void TCPConnectorMaster::addAutomaticConnection(unsigned short type) {
 
 void TCPConnectorMaster::addAutomaticConnection(unsigned short type, unsigned minId,
                                                 unsigned maxId) {
+  if (refusedWhileDestroying("to add an automatic connection")) return;
   if (!verifyValidConnectionId(minId) || !verifyValidConnectionId(maxId)) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
                "Failed to add automatic connection type %u: Invalid connection id range (%u - "

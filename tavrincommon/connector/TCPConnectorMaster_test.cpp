@@ -268,6 +268,30 @@ TEST_F(TCPConnectorMasterTest, AServerSocketThatCannotOpenDisablesTheMaster) {
   EXPECT_TRUE(log.contains("Error 1 (initializationFailed): 'Failed to initialize server socket!'"));
 }
 
+TEST_F(TCPConnectorMasterTest, DestructionEndsConnectionsWhileTheMasterIsWholeAndRefusesRestarts) {
+  auto doomed = std::make_unique<TCPConnectorMaster>(&scheduler, log.logging());
+  TCPConnectorMaster* raw = doomed.get();
+  raw->init(4, 1, ConnectorInterfaceType::PanelMaster, 8, SimpleIp("127.0.0.1"), 0, false, false,
+            ConnectionTimeout{}, false);
+  raw->addConnectionHandler(5, 1, RecordingHandler::factory(5, 1, record));
+  raw->addAllowedConnection(12, 5);
+  raw->setEnabled(true);
+  tavrinTesting::RawPeer slave(raw->getListeningEndpoint().getPort());
+  send(slave, frame(3, 8, connectPayload(12, 5, 77, 1, {1})));
+  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return record->count("connected") == 1; }));
+  record->onDisconnected = [&](RecordingHandler&, unsigned, int) {
+    raw->setEnabled(true);
+    raw->addAllowedConnection(14, 5);
+    raw->addConnectionHandler(6, 1, RecordingHandler::factory(6, 1, record));
+  };
+  doomed.reset();
+  record->onDisconnected = nullptr;
+  EXPECT_EQ(record->lastOf("disconnected").reason, DisconnectReason::shutdown);
+  // The fixture's master and the doomed one opened a server socket; nothing reopened it.
+  EXPECT_EQ(log.count("Successfully created server socket"), 2u);
+  EXPECT_EQ(log.count("TCPConnector Panel Master 4 is being destroyed"), 3u) << log.text();
+}
+
 TEST_F(TCPConnectorMasterTest, FrameSizeBoundAppliesToAcceptedConnections) {
   master.setMaxFrameLength(64);
   tavrinTesting::RawPeer second(master.getListeningEndpoint().getPort());

@@ -48,7 +48,7 @@ TCPConnectorSlave::TCPConnectorSlave(tavrinScheduler::Scheduler* scheduler_,
           },
           logging_) {}
 
-TCPConnectorSlave::~TCPConnectorSlave() { setEnabled(false); }
+TCPConnectorSlave::~TCPConnectorSlave() { tearDown(); }
 
 bool TCPConnectorSlave::connect(const SimpleEndpoint& endpoint, unsigned clusterId,
                                 unsigned short type, unsigned remoteConnectionId,
@@ -115,11 +115,15 @@ bool TCPConnectorSlave::connectOrMoveConnection(const SimpleEndpoint& endpoint,
                "%s (cluster id %u): %s",
                action, connectionId, automaticText, unsigned{type}, remoteConnectionId,
                text(endpoint).c_str(), clusterId, tail);
-    setConnectionRejected(endpoint, kInvalidConnectionId, connectionId, reason,
-                          remoteConnectionId, type, data.get());
+    // Nobody is told while the connector is being destroyed: a callback that asked again would
+    // only be refused again.
+    if (!destroying)
+      setConnectionRejected(endpoint, kInvalidConnectionId, connectionId, reason,
+                            remoteConnectionId, type, data.get());
     data.reset();
     return false;
   };
+  if (destroying) return fail("Connector is being destroyed!", DisconnectReason::shutdown);
   if (!verifyFreeConnectionId(connectionId))
     return fail("Invalid connectionId!", DisconnectReason::notAllowed);
   auto versions = connectionHandlers.find(type);

@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -249,6 +250,41 @@ TEST_F(TCPConnectorSlaveTest, RejectedCallbacksMayChangeThePendingTableWhileItIs
   EXPECT_EQ(slave.getPendingConnectionCount(), 0u);
   EXPECT_EQ(slave.getTCPConnectionCount(), 0u);
   EXPECT_FALSE(slave.isActive());
+}
+
+TEST_F(TCPConnectorSlaveTest, DestructionEndsRequestsWhileTheSlaveIsWholeAndRefusesNewOnes) {
+  // The factory keeps state of its own, so that a call after the slave's part is gone shows under
+  // the address sanitizer.
+  auto state = std::make_shared<int>(0);
+  for (bool enabled : {true, false}) {
+    auto doomed = std::make_unique<TCPConnectorSlave>(
+        &scheduler,
+        [state](const SimpleEndpoint&, const SimpleIp&, bool& connectedNow,
+                bool) -> std::unique_ptr<tavrinNetwork::TCPSocketInterface> {
+          ++*state;
+          connectedNow = true;
+          return std::make_unique<FakeTCPSocket>();
+        },
+        log.logging());
+    TCPConnectorSlave* raw = doomed.get();
+    std::vector<int> reasons;
+    std::vector<bool> retried;
+    raw->addConnectionHandler(5, 1, RecordingHandler::factory(5, 1, record));
+    raw->addConnectionRejectedCallback(5, [&](const SimpleEndpoint&, unsigned, unsigned, int reason,
+                                              unsigned, unsigned short, const CustomConnectData*) {
+      reasons.push_back(reason);
+      retried.push_back(raw->connect(master, 8, 5, 12, 9, nullptr));
+    });
+    raw->setEnabled(enabled);
+    ASSERT_TRUE(raw->connect(master, 8, 5, 12, 7, nullptr));
+    doomed.reset();
+    EXPECT_EQ(reasons, std::vector<int>{DisconnectReason::shutdown}) << enabled;
+    EXPECT_EQ(retried, std::vector<bool>{false}) << enabled;
+  }
+  EXPECT_EQ(*state, 2);
+  EXPECT_EQ(log.count("Failed to create connection 9 (type 5, remote connection id: 12) to TCP "
+                      "endpoint 127.0.0.1:4000 (cluster id 8): Connector is being destroyed!"),
+            2u);
 }
 
 TEST_F(TCPConnectorSlaveTest, IdsAndHandlerRegistryFollowTheActiveAndPendingTables) {

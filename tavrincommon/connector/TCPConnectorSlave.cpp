@@ -123,11 +123,15 @@ bool TCPConnectorSlave::connectOrMoveConnection(const SimpleEndpoint& endpoint,
     data.reset();
     return false;
   };
+  // Looked up anew after every call out of the connector: callbacks may change the registry.
+  auto handlerTypeGone = [&] {
+    auto versions = connectionHandlers.find(type);
+    return versions == connectionHandlers.end() || versions->second.empty();
+  };
   if (destroying) return fail("Connector is being destroyed!", DisconnectReason::shutdown);
   if (!verifyFreeConnectionId(connectionId))
     return fail("Invalid connectionId!", DisconnectReason::notAllowed);
-  auto versions = connectionHandlers.find(type);
-  if (versions == connectionHandlers.end() || versions->second.empty())
+  if (handlerTypeGone())
     return fail("No connection handler for this type!", DisconnectReason::noConnectionHandler);
 
   SingleTCPConnectionEndpoint* connection = getTCPConnection(endpoint);
@@ -138,18 +142,23 @@ bool TCPConnectorSlave::connectOrMoveConnection(const SimpleEndpoint& endpoint,
     // of them may have taken this id or opened a new TCP connection to the same endpoint.
     if (!verifyFreeConnectionId(connectionId))
       return fail("Invalid connectionId!", DisconnectReason::notAllowed);
+    if (handlerTypeGone())
+      return fail("No connection handler for this type!", DisconnectReason::noConnectionHandler);
     connection = getTCPConnection(endpoint);
   }
   if (!connection) {
     std::unique_ptr<SingleTCPConnectionEndpoint> created = createTCPConnection(endpoint);
     if (!created)
       return fail("Failed to create TCP connection!", DisconnectReason::connectionInterrupted);
+    // The socket factory is the application's code too.
+    if (handlerTypeGone())
+      return fail("No connection handler for this type!", DisconnectReason::noConnectionHandler);
     connection = created.get();
     tcpConnections.emplace(endpoint, std::move(created));
     sendEmptyMessage(*connection, TavrinConnectorMessageType::version, kProtocolVersion);
   }
   sendConnectOrMoveMessage(*connection, connectionId, clusterId, type, remoteConnectionId,
-                           versions->second, create);
+                           connectionHandlers.find(type)->second, create);
   connection->addLogicalConnection(connectionId);
   addPendingConnection(connectionId, endpoint, clusterId, type, automatic, remoteConnectionId,
                        std::move(data));

@@ -287,6 +287,28 @@ TEST_F(TCPConnectorSlaveTest, DestructionEndsRequestsWhileTheSlaveIsWholeAndRefu
             2u);
 }
 
+TEST_F(TCPConnectorSlaveTest, ARequestWhoseHandlerTypeACallbackRemovedFailsWithNoHandler) {
+  slave.addConnectionRejectedCallback(
+      5, [&](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason, unsigned remote,
+             unsigned short, const CustomConnectData*) {
+        rejections.push_back({cluster, id, reason, remote, false});
+        if (id == 7) slave.removeConnectionHandlerType(5);
+      });
+  ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
+  // The socket broke and the worker has not collected it yet: the next request ends 7 first.
+  sockets[0]->close();
+  EXPECT_FALSE(slave.connect(master, 8, 5, 13, 8, nullptr));
+  ASSERT_EQ(rejections.size(), 2u);
+  EXPECT_EQ(rejections[0].reason, DisconnectReason::connectionInterrupted);
+  EXPECT_EQ(rejections[1].connectionId, 8u);
+  EXPECT_EQ(rejections[1].reason, DisconnectReason::noConnectionHandler);
+  EXPECT_EQ(sockets.size(), 1u);
+  EXPECT_TRUE(
+      log.contains("Failed to create connection 8 (type 5, remote connection id: 13) to TCP "
+                   "endpoint 127.0.0.1:4000 (cluster id 8): No connection handler for this "
+                   "type!"));
+}
+
 TEST_F(TCPConnectorSlaveTest, IdsAndHandlerRegistryFollowTheActiveAndPendingTables) {
   EXPECT_FALSE(slave.verifyFreeConnectionId(0));
   EXPECT_FALSE(slave.verifyFreeConnectionId(0xFFFFFFFFu));

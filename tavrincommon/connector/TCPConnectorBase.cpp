@@ -333,13 +333,24 @@ ConnectionHandlerBase::DisconnectFunction TCPConnectorBase::makeDisconnectFuncti
   return [this, connectionId](int reason) { disconnect(connectionId, reason); };
 }
 
-void TCPConnectorBase::finalizeConnection(HandlerFactory factory, unsigned connectionId,
+bool TCPConnectorBase::finalizeConnection(HandlerFactory factory, unsigned connectionId,
                                           bool automatic, unsigned remoteConnectionId,
                                           unsigned remoteDeviceId, unsigned clusterId,
                                           SingleTCPConnectionEndpoint& connection, bool serverSide,
                                           std::unique_ptr<CustomConnectData>&& data) {
   std::unique_ptr<ConnectionHandlerBase> created = factory();
-  if (!created) return;
+  if (!created) return false;
+  finalizeConnection(std::move(created), connectionId, automatic, remoteConnectionId,
+                     remoteDeviceId, clusterId, connection, serverSide, std::move(data));
+  return true;
+}
+
+void TCPConnectorBase::finalizeConnection(std::unique_ptr<ConnectionHandlerBase>&& created,
+                                          unsigned connectionId, bool automatic,
+                                          unsigned remoteConnectionId, unsigned remoteDeviceId,
+                                          unsigned clusterId,
+                                          SingleTCPConnectionEndpoint& connection, bool serverSide,
+                                          std::unique_ptr<CustomConnectData>&& data) {
   created->init(serverSide);
   // A handler sizes what it sends and accepts by the frames this connector carries.
   created->setMaxFrameLength(maxFrameLength);

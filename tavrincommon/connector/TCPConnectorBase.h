@@ -225,10 +225,17 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
                                                unsigned additionalInfo, InputMessage& message);
   void extractAndHandleConnectionAcceptMessage(SingleTCPConnectionEndpoint& endpoint,
                                                unsigned additionalInfo, InputMessage& message);
-  void finalizeConnection(HandlerFactory factory, unsigned connectionId, bool automatic,
+  // False, with nothing changed and `data` left with the caller, when the factory makes no
+  // handler.
+  bool finalizeConnection(HandlerFactory factory, unsigned connectionId, bool automatic,
                           unsigned remoteConnectionId, unsigned remoteDeviceId, unsigned clusterId,
                           SingleTCPConnectionEndpoint& endpoint, bool serverSide,
                           std::unique_ptr<CustomConnectData>&& data);
+  // The same with a handler the caller has created already (not null).
+  void finalizeConnection(std::unique_ptr<ConnectionHandlerBase>&& created, unsigned connectionId,
+                          bool automatic, unsigned remoteConnectionId, unsigned remoteDeviceId,
+                          unsigned clusterId, SingleTCPConnectionEndpoint& endpoint,
+                          bool serverSide, std::unique_ptr<CustomConnectData>&& data);
   // The two functions a handler gets for a connection carried by the TCP connection to `peer`.
   ConnectionHandlerBase::SendFunction makeSendFunction(const tavrinNetwork::SimpleEndpoint& peer,
                                                        unsigned remoteConnectionId);

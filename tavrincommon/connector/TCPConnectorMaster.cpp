@@ -201,6 +201,19 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     reject(DisconnectReason::noCompatibleConnectionHandler, connectionId);
     return;
   }
+  // Made before anything changes or goes out: a factory that makes no handler is refused like a
+  // missing one, and an existing connection stays.
+  std::unique_ptr<ConnectionHandlerBase> created = factory();
+  if (!created) {
+    TAVRIN_LOG_LIMITED(
+        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+        "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
+        "%s (device id: %u): connection handler factory returned no handler!",
+        connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
+        remoteDeviceId);
+    reject(DisconnectReason::noConnectionHandler, connectionId);
+    return;
+  }
   auto existing = activeConnections.find(connectionId);
   if (existing != activeConnections.end()) {
     std::unique_ptr<ConnectionHandlerBase> old = std::move(existing->second);
@@ -219,8 +232,8 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
   }
   sendConnectionAcceptMessage(connection, clusterId, remoteConnectionId, connectionId, type,
                               version);
-  finalizeConnection(factory, connectionId, automatic, remoteConnectionId, remoteDeviceId,
-                     clusterId, connection, true, nullptr);
+  finalizeConnection(std::move(created), connectionId, automatic, remoteConnectionId,
+                     remoteDeviceId, clusterId, connection, true, nullptr);
 }
 
 void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connection,

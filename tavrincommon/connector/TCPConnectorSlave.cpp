@@ -237,19 +237,20 @@ void TCPConnectorSlave::handleConnectionAcceptMessage(SingleTCPConnectionEndpoin
   }
   bool typeFound = false;
   HandlerFactory factory = findConnectionHandler(type, version, typeFound);
-  if (factory) {
-    finalizeConnection(factory, connectionId, automatic, remoteConnectionId, remoteDeviceId,
-                       clusterId, connection, false, std::move(data));
+  if (factory && finalizeConnection(factory, connectionId, automatic, remoteConnectionId,
+                                    remoteDeviceId, clusterId, connection, false, std::move(data)))
     return;
-  }
-  const int reason = typeFound ? DisconnectReason::noCompatibleConnectionHandler
-                               : DisconnectReason::noConnectionHandler;
-  TAVRIN_LOG_LIMITED(
-      peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-      "Failed to accept connection %u (type %u, remote connection id: %u, version %u) to "
-      "TCP endpoint %s (cluster id %u): No connection handler %s!",
-      connectionId, unsigned{type}, remoteConnectionId, unsigned{version}, text(peer).c_str(),
-      clusterId, typeFound ? "with this version" : "for this type");
+  // A factory that made no handler counts as no handler for the type.
+  const int reason = typeFound && !factory ? DisconnectReason::noCompatibleConnectionHandler
+                                           : DisconnectReason::noConnectionHandler;
+  const char* problem = factory     ? "Connection handler factory returned no handler"
+                        : typeFound ? "No connection handler with this version"
+                                    : "No connection handler for this type";
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+                     "Failed to accept connection %u (type %u, remote connection id: %u, version "
+                     "%u) to TCP endpoint %s (cluster id %u): %s!",
+                     connectionId, unsigned{type}, remoteConnectionId, unsigned{version},
+                     text(peer).c_str(), clusterId, problem);
   sendDisconnectMessage(connection, reason, remoteConnectionId);
   // The id leaves the TCP connection too, as at every other end of a request: it is neither
   // pending nor active any more, and left registered it would keep the TCP connection in its

@@ -61,7 +61,7 @@ void TCPConnectorBase::tearDown() {
   destroying = true;
   enabled = false;
   cleanupSpecific();
-  disconnectAllConnections(DisconnectReason::shutdown);
+  stopAll();
   releaseAll();
 }
 

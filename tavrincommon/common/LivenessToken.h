@@ -1,0 +1,43 @@
+// Lets a member function find out whether a callback it called has destroyed its object. The
+// object holds a token; the function puts a Watch on its stack before the call and looks at it
+// afterwards. No allocation and no atomics: the token and its watches belong to one thread.
+//   LivenessToken::Watch alive(liveness);
+//   callback();
+//   if (!alive) return;  // nothing of the object may be touched any more
+#pragma once
+
+namespace tavrinCommon {
+
+class LivenessToken {
+ public:
+  class Watch {
+   public:
+    explicit Watch(LivenessToken& token_) : token(&token_), below(token_.top) { token_.top = this; }
+    // Watches end in the reverse order of their start (they live on one thread's stack).
+    ~Watch() {
+      if (token) token->top = below;
+    }
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+
+    // False once the token's object has been destroyed.
+    explicit operator bool() const { return token != nullptr; }
+
+   private:
+    friend class LivenessToken;
+    LivenessToken* token;
+    Watch* below;
+  };
+
+  LivenessToken() = default;
+  ~LivenessToken() {
+    for (Watch* watch = top; watch; watch = watch->below) watch->token = nullptr;
+  }
+  LivenessToken(const LivenessToken&) = delete;
+  LivenessToken& operator=(const LivenessToken&) = delete;
+
+ private:
+  Watch* top = nullptr;
+};
+
+}  // namespace tavrinCommon

@@ -68,10 +68,7 @@ void ConnectionHandlerBase::moveConnection(unsigned int remoteConnectionId_,
 }
 
 void ConnectionHandlerBase::requestDisconnect(int reason) {
-  if (!isConnected()) return;
-  // A copy: the connector may replace or clear the stored function while it runs.
-  DisconnectFunction function = disconnectFunction;
-  function(reason);
+  if (isConnected()) disconnectFunction(reason);
 }
 
 void ConnectionHandlerBase::setFunctionsSafely(SendFunction send, DisconnectFunction disconnect) {

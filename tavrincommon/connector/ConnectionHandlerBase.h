@@ -4,6 +4,7 @@
 // connect data of its connection. Loop thread of its connector only; nothing is locked.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/connector/CustomConnectData.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 
@@ -88,8 +89,10 @@ class ConnectionHandlerBase {
   virtual void dumpSpecific(std::ostream& /*os*/, const char* /*prefix*/) const {}
 
   bool serverSide = false;
-  SendFunction sendFunction;
-  DisconnectFunction disconnectFunction;
+  // Shared_ptr-held, so that the connector may replace or clear them while one runs (a send that
+  // ends the connection); a send costs a reference count.
+  tavrinCommon::CallbackSlot<SendFunction> sendFunction;
+  tavrinCommon::CallbackSlot<DisconnectFunction> disconnectFunction;
   unsigned int clusterId = kNoConnectionId;
   unsigned int connectionId = kNoConnectionId;
   bool automatic = false;

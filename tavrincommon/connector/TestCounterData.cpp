@@ -80,9 +80,10 @@ void TestCounterData::unlinkHandler() {
   handler = nullptr;
   // Started here, this clears the handler's pointer and ends its connection; started on the
   // handler's side, the handler has let go already and this does nothing.
+  tavrinCommon::LivenessToken::Watch alive(liveness);
   previous->unlinkData(this, true);
-  setRemoteCounter(kInvalidCounter);
-  setRemoteName(std::string());
+  if (alive) setRemoteCounter(kInvalidCounter);
+  if (alive) setRemoteName(std::string());
 }
 
 bool TestCounterData::isConnected() const { return handler && handler->isConnected(); }

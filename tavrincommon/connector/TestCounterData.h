@@ -4,6 +4,8 @@
 // stored. Destroying it ends the linked connection. Loop thread of the connector only.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
+#include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 
 #include <climits>
@@ -29,6 +31,7 @@ class TestCounterData {
   TestCounterData(const TestCounterData&) = delete;
   TestCounterData& operator=(const TestCounterData&) = delete;
 
+  // Also from inside the callbacks: the new ones apply from the next change on.
   void setCallbacks(CounterCallback remoteCounterChanged, NameCallback remoteNameChanged);
 
   // kInvalidCounter is taken as 0. A change is sent to the peer.
@@ -65,13 +68,16 @@ class TestCounterData {
   void dump(std::ostream& os, const char* prefix) const;
 
  private:
-  CounterCallback remoteCounterCallback;
-  NameCallback remoteNameCallback;
+  // Shared_ptr-held, so that a callback may replace them while it runs.
+  tavrinCommon::CallbackSlot<CounterCallback> remoteCounterCallback;
+  tavrinCommon::CallbackSlot<NameCallback> remoteNameCallback;
   TestCounterHandler* handler = nullptr;
   int counter = 0;
   int remoteCounter = kInvalidCounter;
   std::string name;
   std::string remoteName;
+  // A callback may destroy the data while unlinkHandler still has a value to clear.
+  tavrinCommon::LivenessToken liveness;
 };
 
 }  // namespace tavrinConnector

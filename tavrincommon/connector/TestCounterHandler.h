@@ -4,6 +4,7 @@
 // Loop thread of its connector only; nothing is locked.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/connector/ConnectionHandlerBase.h"
 
 #include <functional>
@@ -31,6 +32,7 @@ class TestCounterHandler : public ConnectionHandlerBase {
   // Unlinks the data and ends the connection if it is still up.
   ~TestCounterHandler() override;
 
+  // Also from inside the callbacks: the new ones apply from the next call on.
   void setCallbacks(AcceptCallback accept, DisconnectedCallback disconnected);
 
   // The data's values are sent at once. A data object linked before is unlinked, its connection
@@ -63,8 +65,9 @@ class TestCounterHandler : public ConnectionHandlerBase {
  private:
   void send(unsigned char flags);
 
-  AcceptCallback acceptCallback;
-  DisconnectedCallback disconnectedCallback;
+  // Shared_ptr-held, so that a callback may replace them while it runs.
+  tavrinCommon::CallbackSlot<AcceptCallback> acceptCallback;
+  tavrinCommon::CallbackSlot<DisconnectedCallback> disconnectedCallback;
   TestCounterData* data = nullptr;
 };
 

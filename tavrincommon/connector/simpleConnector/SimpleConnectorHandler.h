@@ -4,6 +4,7 @@
 // Keeps, never owns, the logging object. Loop thread of its connector only; nothing is locked.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/connector/ConnectionHandlerBase.h"
 #include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/network/SimpleIp.h"
@@ -49,6 +50,8 @@ class SimpleConnectorHandler : public ConnectionHandlerBase {
                          DataCallback data, tavrinLog::TavrinLogging* logger);
   ~SimpleConnectorHandler() override;
 
+  // May be called at any time, also from inside the callbacks: a callback that is running
+  // finishes, and the new ones are used from the next call on.
   void setCallbacks(AcceptCallback accept, StateCallback state, DataCallback data);
 
   // True when the block was handed to the connector. Nothing is sent (false) for a block of
@@ -81,9 +84,11 @@ class SimpleConnectorHandler : public ConnectionHandlerBase {
 
   unsigned short version;
   tavrinLog::TavrinLogging* logger;
-  AcceptCallback acceptCallback;
-  StateCallback stateCallback;
-  DataCallback dataCallback;
+  // Shared_ptr-held slots, so a callback may replace them while it runs; a call costs a
+  // reference count, which the per-block data callback can afford.
+  tavrinCommon::CallbackSlot<AcceptCallback> acceptCallback;
+  tavrinCommon::CallbackSlot<StateCallback> stateCallback;
+  tavrinCommon::CallbackSlot<DataCallback> dataCallback;
   // Drops are caused by the peer and a send refused by the application: either may repeat.
   tavrinLog::LogRateLimiter logLimiter;
 };

@@ -81,6 +81,22 @@ TEST_F(SimpleConnectorHandlerTest, SendsNothingThatAFrameOfTheBoundCannotCarry) 
       << log.text();
 }
 
+TEST_F(SimpleConnectorHandlerTest, DataCallbackReplacedFromInsideItselfServesTheNextBlock) {
+  std::vector<size_t> seen;
+  const std::string tag(40, 'x');  // too large for std::function's inline storage
+  handler.setCallbacks(
+      nullptr, nullptr,
+      [&, tag](tavrinNetwork::SimpleIp, unsigned, unsigned, std::unique_ptr<Block>&&) {
+        handler.setCallbacks(nullptr, nullptr,
+                             [&](tavrinNetwork::SimpleIp, unsigned, unsigned,
+                                 std::unique_ptr<Block>&&) { seen.push_back(2); });
+        seen.push_back(tag.size());  // the replaced function's own capture
+      });
+  handler.receive(frame(1, "a"));
+  handler.receive(frame(1, "b"));
+  EXPECT_EQ(seen, (std::vector<size_t>{40, 2}));
+}
+
 }  // namespace
 }  // namespace simpleConnector
 }  // namespace tavrinConnector

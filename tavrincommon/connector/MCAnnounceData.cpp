@@ -409,10 +409,10 @@ void MCAnnounceData::unpack(unsigned networkId_, InputMessage& message, AddedCal
   MCAnnounceData fresh(nullptr, logger);
   fresh.logLimiter = logLimiter;
   fresh.read(networkId_, message);
-  takeOver(fresh, added);
+  takeOver(fresh, std::move(added));
 }
 
-void MCAnnounceData::takeOver(MCAnnounceData& other, const AddedCallback& added) {
+void MCAnnounceData::takeOver(MCAnnounceData& other, AddedCallback added) {
   // The callbacks run once the data is complete, so that they may query or edit it (or the
   // object that owns it, even destroy it) without disturbing the walk below.
   std::vector<SingleAnnouncementData> becameAvailable;

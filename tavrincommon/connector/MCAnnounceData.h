@@ -5,6 +5,7 @@
 // data holds on the heap, for owners that bound what their peers can make them keep.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/connector/ConnectorInterfaceType.h"
 #include "tavrincommon/connector/SingleAnnouncementData.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
@@ -114,8 +115,9 @@ class MCAnnounceData {
   // the data is complete. Never signals modification.
   void unpack(unsigned networkId_, InputMessage& message, AddedCallback added);
   // Replaces the data by `other`'s, which is left empty; `added` as for unpack. Lets an owner
-  // unpack aside, weigh the result with heapBytes() and only then take it over.
-  void takeOver(MCAnnounceData& other, const AddedCallback& added);
+  // unpack aside, weigh the result with heapBytes() and only then take it over. `added` is held
+  // by value: it may replace the function it was given, or destroy this data.
+  void takeOver(MCAnnounceData& other, AddedCallback added);
   // One connector record; null for a record that is skipped. Never reads past the payload.
   std::unique_ptr<ConnectorEntry> unpackConnectorEntry(InputMessage& message,
                                                        unsigned& connectorId) const;
@@ -163,7 +165,8 @@ class MCAnnounceData {
 
   tavrinLog::TavrinLogging* logger;
   tavrinLog::LogRateLimiter* logLimiter = nullptr;
-  std::function<void()> modified;
+  // Shared_ptr-held: the callback may destroy the data's owner while it runs.
+  tavrinCommon::CallbackSlot<void()> modified;
   uint32_t networkId = 0;
   uint32_t deviceId = 0;
   std::string deviceName;

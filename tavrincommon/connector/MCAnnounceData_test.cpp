@@ -230,6 +230,26 @@ TEST_F(MCAnnounceDataTest, UnpackReportsOnlyAnnouncementsThatBecameAvailable) {
   EXPECT_TRUE(data.getConnectors().empty());
 }
 
+TEST_F(MCAnnounceDataTest, AddedCallbackMayReplaceTheFunctionItWasHandedThrough) {
+  std::vector<std::string> seen;
+  const std::string tag(40, 'x');  // too large for std::function's inline storage
+  MCAnnounceData::AddedCallback added = [&, tag](const SingleAnnouncementData& a) {
+    added = [&](const SingleAnnouncementData& b) {
+      seen.push_back("new" + std::to_string(b.announcementId));
+    };
+    seen.push_back(tag.substr(0, 1) + std::to_string(a.announcementId));
+  };
+  for (uint32_t id : {1u, 2u}) {
+    MCAnnounceData fresh(nullptr, nullptr);
+    InputMessage message = framed(payload({connectorRecord(
+        3, {announcementRecord(id, 1, "a", true), announcementRecord(id + 5, 1, "b", true)})}));
+    fresh.unpack(1, message, {});
+    data.takeOver(fresh, added);
+  }
+  // The function given to one take-over serves all of it; the replacement serves the next one.
+  EXPECT_EQ(seen, (std::vector<std::string>{"x1", "x6", "new2", "new7"}));
+}
+
 TEST_F(MCAnnounceDataTest, UnpackMergesByConnectorIdAndDropsConnectorsNoLongerSent) {
   unpack(payload({connectorRecord(2, {announcementRecord(1, 1, "a", true)}),
                   connectorRecord(4, {announcementRecord(1, 1, "a", true)}),

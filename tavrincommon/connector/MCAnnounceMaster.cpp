@@ -99,7 +99,10 @@ void MCAnnounceMaster::setBindIp(SimpleIp bindIp_) {
   const bool wasEnabled = enabled;
   ANNOUNCE_LOG(Service, "Changed bindIP to %s, %s", SimpleIp::CharString(bindIp_).c_str(),
                wasEnabled ? "restarting..." : "disabled.");
+  tavrinCommon::LivenessToken::Watch alive(liveness);
   setEnabled(false);
+  // A failed farewell calls the error callback, which may destroy the master.
+  if (!alive) return;
   bindIp = bindIp_;
   setEnabled(wasEnabled);
 }
@@ -115,8 +118,10 @@ void MCAnnounceMaster::setMulticastGroup(SimpleIp address, unsigned short port) 
   // the enabling below.
   MCAnnounceData withdrawal(nullptr, logger);
   withdrawal.setData(data.getNetworkId(), data.getDeviceId(), data.getDeviceName());
+  tavrinCommon::LivenessToken::Watch alive(liveness);
   internalSetEnabled(withdrawal, false, true);
-  internalSetEnabled(data, true, true);
+  // A failed farewell calls the error callback, which may destroy the master.
+  if (alive) internalSetEnabled(data, true, true);
 }
 
 void MCAnnounceMaster::addConnector(unsigned connectorId, ConnectorInterfaceType::Type type,
@@ -167,21 +172,23 @@ tavrinScheduler::Worker::Result MCAnnounceMaster::work() {
   return Finished;
 }
 
-void MCAnnounceMaster::sendAnnounceDataIfNeeded(const MCAnnounceData& d) {
-  if (!enabled) return;
+bool MCAnnounceMaster::sendAnnounceDataIfNeeded(const MCAnnounceData& d) {
+  if (!enabled) return true;
   if (d.announcementsPresent()) {
-    sendAnnounceDataAndScheduleNextSend(d);
+    if (!sendAnnounceDataAndScheduleNextSend(d)) return false;
     emptyAnnouncementSent = false;
   } else if (!emptyAnnouncementSent) {
     modified = true;
-    sendAnnounceDataAndScheduleNextSend(d);
+    if (!sendAnnounceDataAndScheduleNextSend(d)) return false;
     emptyAnnouncementSent = true;
   }
+  return true;
 }
 
-void MCAnnounceMaster::sendAnnounceDataAndScheduleNextSend(const MCAnnounceData& d) {
-  if (!sendAnnounceData(d)) return;
+bool MCAnnounceMaster::sendAnnounceDataAndScheduleNextSend(const MCAnnounceData& d) {
+  if (!sendAnnounceData(d)) return false;
   sendTimer.start();
+  return true;
 }
 
 bool MCAnnounceMaster::sendAnnounceData(const MCAnnounceData& d) {
@@ -222,8 +229,9 @@ bool MCAnnounceMaster::sendAnnounceData(const MCAnnounceData& d) {
 void MCAnnounceMaster::internalSetEnabled(MCAnnounceData& d, bool enable, bool sendNow) {
   if (enable == enabled) return;
   d.clearConnectors();
-  // Still under the old state: a master that has been announcing says farewell.
-  if (sendNow) sendAnnounceDataIfNeeded(d);
+  // Still under the old state: a master that has been announcing says farewell. A farewell that
+  // fails has disabled the master already, and what the error callback did with it stands.
+  if (sendNow && !sendAnnounceDataIfNeeded(d)) return;
   socket.reset();
   scheduler->removeWorker(this);
   sendTimer.stop();

@@ -4,6 +4,8 @@
 // send timer; keeps the scheduler and the logging object. Loop thread only; nothing is locked.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
+#include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/connector/ErrorType.h"
 #include "tavrincommon/connector/MCAnnounceData.h"
 #include "tavrincommon/connector/MCAnnounceMasterInterface.h"
@@ -48,6 +50,8 @@ class MCAnnounceMaster : public MCAnnounceMasterInterface, public tavrinSchedule
             const std::string& interface_, bool multicastLoop_);
   // Every change of state empties the data: the application adds its connectors again.
   void setEnabled(bool enable);
+  // Also from inside the error callback: the new one applies from the next error on. The error
+  // callback may also re-enable or destroy the master.
   void setErrorCallback(ErrorCallback callback);
   void setDscp(int dscp_);
   void setMulticastTtl(int ttl_);
@@ -85,8 +89,10 @@ class MCAnnounceMaster : public MCAnnounceMasterInterface, public tavrinSchedule
 
  private:
   void setModified();
-  void sendAnnounceDataIfNeeded(const MCAnnounceData& d);
-  void sendAnnounceDataAndScheduleNextSend(const MCAnnounceData& d);
+  // False when a send failed: the error path has then disabled the master and called the error
+  // callback, which may have re-enabled or destroyed it, so the caller touches nothing more.
+  bool sendAnnounceDataIfNeeded(const MCAnnounceData& d);
+  bool sendAnnounceDataAndScheduleNextSend(const MCAnnounceData& d);
   bool sendAnnounceData(const MCAnnounceData& d);
   void internalSetEnabled(MCAnnounceData& d, bool enable, bool sendNow);
   bool initSendSocket();
@@ -96,7 +102,8 @@ class MCAnnounceMaster : public MCAnnounceMasterInterface, public tavrinSchedule
   tavrinScheduler::Scheduler* scheduler;
   SocketFactory socketFactory;
   tavrinScheduler::SimpleTimer sendTimer;
-  ErrorCallback errorCallback;
+  // Shared_ptr-held, so that the callback may replace itself (or destroy the master) while it runs.
+  tavrinCommon::CallbackSlot<ErrorCallback> errorCallback;
   tavrinNetwork::SimpleIp bindIp;
   unsigned short bindPort = 0;
   std::string interface;
@@ -110,6 +117,7 @@ class MCAnnounceMaster : public MCAnnounceMasterInterface, public tavrinSchedule
   bool modified = false;
   bool emptyAnnouncementSent = true;
   uint32_t changeCount = 0;
+  tavrinCommon::LivenessToken liveness;
 };
 
 }  // namespace tavrinConnector

@@ -226,6 +226,26 @@ TEST_F(MCAnnounceMasterTest, SendFailuresDisableButAPartialSendOnlyLogs) {
   EXPECT_FALSE(master->isEnabled());
 }
 
+TEST_F(MCAnnounceMasterTest, ErrorCallbackMayReplaceItselfOrDestroyTheMaster) {
+  make(10000);
+  std::vector<std::string> seen;
+  const std::string tag(40, 'x');  // too large for std::function's inline storage
+  master->setErrorCallback([&, tag](ErrorType::Type, const std::string&) {
+    master->setErrorCallback([&](ErrorType::Type, const std::string& text) {
+      seen.push_back(text);
+      master.reset();
+    });
+    seen.push_back(tag.substr(0, 1));
+  });
+  for (int i = 0; i < 2; ++i) {
+    announce();
+    fake->addSendResult(-1);
+    turn();
+  }
+  EXPECT_FALSE(master);
+  EXPECT_EQ(seen, (std::vector<std::string>{"x", "Announce socket error (-1)!"}));
+}
+
 TEST_F(MCAnnounceMasterTest, EverySocketSetUpFailureDisablesWithItsOwnLine) {
   const std::pair<bool*, const char*> cases[] = {
       {&factoryFails, "Failed to initialize send socket: Failed to create socket!"},

@@ -252,7 +252,10 @@ tavrinScheduler::Worker::Result MCAnnounceSlave::work() {
     Queued entry = std::move(receiveQueue.front());
     receiveQueue.pop_front();
     queuedBytes -= entry.heapBytes;
+    tavrinCommon::LivenessToken::Watch alive(liveness);
     handlePacket(entry.sender, *entry.message);
+    // The added callback may have destroyed the slave; disabling it has emptied the queue.
+    if (!alive) return Finished;
   }
   removeTimeoutedMasters();
   logLimiter.flush(logger);
@@ -331,8 +334,13 @@ void MCAnnounceSlave::handlePacket(const SimpleEndpoint& sender, InputMessage& m
   if (!admitMasterData(sender, fresh)) return;
   found = masters.find(sender);
   found->second->changeCount = changeCount;
-  found->second->data.takeOver(fresh, getUnpackAnnouncementAddedCallback());
-  // The added callback may have disabled the slave or otherwise dropped the master.
+  tavrinCommon::LivenessToken::Watch alive(liveness);
+  found->second->data.takeOver(fresh, [this, &alive](const SingleAnnouncementData& announcement) {
+    if (alive && isConnectorSupported(announcement.connectorVersion, announcement.connectorType))
+      announcementAdded(announcement);
+  });
+  // The added callback may have destroyed the slave, disabled it or otherwise dropped the master.
+  if (!alive) return;
   found = masters.find(sender);
   if (found == masters.end()) return;
   const MCAnnounceData& data = found->second->data;

@@ -6,6 +6,8 @@
 // past a bound are dropped, counted (dump) and logged through a rate limiter.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
+#include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/connector/ErrorType.h"
 #include "tavrincommon/connector/MCAnnounceData.h"
 #include "tavrincommon/log/LogRateLimiter.h"
@@ -91,7 +93,9 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   MCAnnounceSlave(const MCAnnounceSlave&) = delete;
   MCAnnounceSlave& operator=(const MCAnnounceSlave&) = delete;
 
-  // Empty callbacks are replaced by ones that do nothing.
+  // Empty callbacks are replaced by ones that do nothing. Also from inside the callbacks: the new
+  // ones apply from the next call on (the next announcement of the same message included). A
+  // callback may also disable or destroy the slave.
   void setCallbacks(AddedCallback added, ErrorCallback error);
   // Disables and empties the supported connectors; does not enable.
   void init(unsigned networkId_, tavrinNetwork::SimpleIp multicastIp, unsigned short multicastPort,
@@ -188,8 +192,9 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   tavrinScheduler::Scheduler* scheduler;
   SocketFactory socketFactory;
   int masterTimeout;
-  AddedCallback announcementAdded;
-  ErrorCallback errorCallback;
+  // Shared_ptr-held, so that a callback may replace them (or destroy the slave) while it runs.
+  tavrinCommon::CallbackSlot<AddedCallback> announcementAdded;
+  tavrinCommon::CallbackSlot<ErrorCallback> errorCallback;
   uint32_t networkId = 0;
   std::string interface;
   tavrinNetwork::SimpleIp multicastIp;
@@ -213,6 +218,7 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   DropCounts dropCounts;
   // Every line a datagram causes goes through it: any host on the LAN can send them.
   tavrinLog::LogRateLimiter logLimiter;
+  tavrinCommon::LivenessToken liveness;
 };
 
 }  // namespace tavrinConnector

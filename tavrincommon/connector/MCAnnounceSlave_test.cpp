@@ -390,12 +390,31 @@ TEST_F(MCAnnounceSlaveTest, DatagramsArriveThroughTheLoopAndTheDumpShowsTheMaste
   EXPECT_TRUE(slave->getMasters().empty());
 }
 
-TEST_F(MCAnnounceSlaveTest, AddedCallbackMayDisableTheSlave) {
+TEST_F(MCAnnounceSlaveTest, AddedCallbackMayReplaceItselfAndDisableOrDestroyTheSlave) {
   onAdded = [this] { slave->setEnabled(false); };
   deliver(kMasterA, announceFrame(1, {{1, 1, true}, {2, 1, true}}));
   EXPECT_FALSE(slave->isEnabled());
   EXPECT_TRUE(slave->getMasters().empty());
   EXPECT_EQ(added.size(), 2u);
+
+  slave->setEnabled(true);
+  std::vector<std::string> seen;
+  const std::string tag(40, 'x');  // too large for std::function's inline storage
+  slave->setCallbacks(
+      [&, tag](const SingleAnnouncementData& a) {
+        slave->setCallbacks(
+            [&](const SingleAnnouncementData&) {
+              seen.push_back("destroying");
+              slave.reset();
+            },
+            nullptr);
+        seen.push_back(tag.substr(0, 1) + std::to_string(a.announcementId));
+      },
+      nullptr);
+  // The replacement serves the second announcement; the third is never reported.
+  deliver(kMasterA, announceFrame(2, {{1, 1, true}, {2, 1, true}, {3, 1, true}}));
+  EXPECT_FALSE(slave);
+  EXPECT_EQ(seen, (std::vector<std::string>{"x1", "destroying"}));
 }
 
 }  // namespace

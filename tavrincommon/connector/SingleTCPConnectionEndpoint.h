@@ -4,6 +4,7 @@
 // logging object. Loop thread only (or with the loop mutex held); nothing is locked.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/connector/TCPTransceiver.h"
 #include "tavrincommon/scheduler/IOWatchItem.h"
 #include "tavrincommon/scheduler/SimpleTimer.h"
@@ -85,7 +86,9 @@ class SingleTCPConnectionEndpoint {
 
   tavrinLog::TavrinLogging* logging;
   tavrinScheduler::Scheduler* scheduler;
-  std::function<void()> eventCallback;
+  // Shared_ptr-held, so that it outlives an endpoint destroyed from inside it; a call costs a
+  // reference count, affordable once per frame.
+  tavrinCommon::CallbackSlot<void()> eventCallback;
   tavrinScheduler::IOWatchHandle ioHandle;
   TCPTransceiver transceiver;
   std::deque<std::unique_ptr<InputMessage>> receiveQueue;

@@ -101,9 +101,11 @@ int TCPTransceiver::currentEvents() const {
 }
 
 IOWatchItem::Result TCPTransceiver::socketCallback(int events) {
+  tavrinCommon::LivenessToken::Watch alive(liveness);
   if (connected) {
     if ((events & kReadOrFailure) && !inputReady()) {
-      disconnect();
+      // A callback may have destroyed the transceiver, which has disconnected it then.
+      if (alive) disconnect();
       return IOWatchItem::Removed;
     }
     if (!(events & kWritable)) return currentEvents();
@@ -114,7 +116,7 @@ IOWatchItem::Result TCPTransceiver::socketCallback(int events) {
       return IOWatchItem::Removed;
     }
     if ((events & kReadable) && !inputReady()) {
-      disconnect();
+      if (alive) disconnect();
       return IOWatchItem::Removed;
     }
   }
@@ -187,9 +189,10 @@ bool TCPTransceiver::inputReady() {
       return false;
     }
     bytesReceived += static_cast<uint32_t>(r);
+    tavrinCommon::LivenessToken::Watch alive(liveness);
     dataReceivedCallback();
-    // A callback may have closed the connection or paused reading.
-    if (!socket->valid()) return false;
+    // A callback may have destroyed the transceiver, closed the connection or paused reading.
+    if (!alive || !socket->valid()) return false;
     if (r != requested || receivePaused) return true;
   }
 }
@@ -305,8 +308,9 @@ bool TCPTransceiver::deliverFrame() {
         SimpleEndpoint::CharString(endpoint).c_str());
     return false;
   }
+  tavrinCommon::LivenessToken::Watch alive(liveness);
   receiveCallback(std::move(message));
-  return socket->valid();
+  return alive && socket->valid();
 }
 
 void TCPTransceiver::send(std::unique_ptr<OutputMessage>&& message) {

@@ -4,6 +4,8 @@
 // socket and the queued messages; keeps the logging object. Loop thread only; nothing is locked.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
+#include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/connector/MessageBuffer.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 #include "tavrincommon/scheduler/IOWatchItem.h"
@@ -60,7 +62,8 @@ class TCPTransceiver {
   TCPTransceiver(const TCPTransceiver&) = delete;
   TCPTransceiver& operator=(const TCPTransceiver&) = delete;
 
-  // Empty functions become ones that do nothing.
+  // Empty functions become ones that do nothing. Also from inside the callbacks, which may as well
+  // destroy the transceiver: the new ones apply from the next call on.
   void setCallbacks(ReceiveCallback receiveCallback, std::function<void()> dataReceivedCallback,
                     std::function<void()> disconnectedCallback);
   // Queues a finalized message and writes what the socket takes; anything else is dropped.
@@ -114,9 +117,11 @@ class TCPTransceiver {
 
   tavrinLog::TavrinLogging* logging;
   tavrinNetwork::SimpleEndpoint endpoint;
-  ReceiveCallback receiveCallback;
-  std::function<void()> dataReceivedCallback;
-  std::function<void()> disconnectedCallback;
+  // Shared_ptr-held, so that a callback may replace them or destroy the transceiver while it runs;
+  // a call costs a reference count, which the per-frame path can afford.
+  tavrinCommon::CallbackSlot<ReceiveCallback> receiveCallback;
+  tavrinCommon::CallbackSlot<void()> dataReceivedCallback;
+  tavrinCommon::CallbackSlot<void()> disconnectedCallback;
   RegisterSocketEvent registerSocketEvent;
   ChangeSocketEvent changeSocketEvent;
   std::unique_ptr<tavrinNetwork::TCPSocketInterface> socket;
@@ -138,6 +143,7 @@ class TCPTransceiver {
   uint32_t bytesSent = 0;
   uint32_t bytesReceived = 0;
   uint32_t maxFrameLength = kDefaultMaxFrameLength;
+  tavrinCommon::LivenessToken liveness;
 };
 
 }  // namespace tavrinConnector

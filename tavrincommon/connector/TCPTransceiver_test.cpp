@@ -332,5 +332,26 @@ TEST_F(TCPTransceiverTest, OwnerClosingDuringDeliveryStopsTheRead) {
   EXPECT_EQ(dataReceived, 0);
 }
 
+TEST_F(TCPTransceiverTest, ReceiveCallbackMayReplaceItselfOrDestroyTheTransceiver) {
+  make(true);
+  std::vector<std::string> seen;
+  const std::string tag(40, 'x');  // too large for std::function's inline storage
+  transceiver->setCallbacks(
+      [&, tag](std::unique_ptr<InputMessage>&&) {
+        transceiver->setCallbacks(
+            [&](std::unique_ptr<InputMessage>&&) {
+              seen.push_back("destroying");
+              transceiver.reset();
+            },
+            nullptr, [&] { seen.push_back("disconnected"); });
+        seen.push_back(tag.substr(0, 1));
+      },
+      nullptr, nullptr);
+  fake->addChunk(frameOf(4, 1, "a") + frameOf(4, 2, "b") + frameOf(4, 3, "c"));
+  EXPECT_EQ(readable(), IOWatchItem::Removed);
+  EXPECT_FALSE(transceiver);
+  EXPECT_EQ(seen, (std::vector<std::string>{"x", "destroying", "disconnected"}));
+}
+
 }  // namespace
 }  // namespace tavrinConnector

@@ -47,10 +47,14 @@ Worker::Result SendQueue::doWork() {
     sliceEnd.tv_sec += sliceEnd.tv_nsec / 1000000000L;
     sliceEnd.tv_nsec %= 1000000000L;
   }
+  LivenessToken::Watch alive(liveness);
   for (;;) {
     if (queue.empty()) return Worker::Finished;
-    if (!sendCallback(queue.front())) return Worker::Finished;
-    queue.pop_front();
+    const unsigned clearsBefore = clears;
+    const bool sent = sendCallback(queue.front());
+    // The callback may have destroyed the queue, or cleared it (the message is gone then).
+    if (!alive || !sent) return Worker::Finished;
+    if (clears == clearsBefore) queue.pop_front();
     if (atOrAfter(system::Clock::getTime(system::Clock::Monotonic), sliceEnd)) break;
   }
   TAVRIN_LOG(logging, worker.getOrigin(), SeverityLevel::Debug,

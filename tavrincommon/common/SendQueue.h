@@ -4,6 +4,8 @@
 // has no lock.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
+#include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/scheduler/SimpleWorker.h"
 
 #include <cstddef>
@@ -34,7 +36,8 @@ class SendQueue {
   SendQueue(const SendQueue&) = delete;
   SendQueue& operator=(const SendQueue&) = delete;
 
-  // An empty callback is replaced by one that drops each message as if it had been sent.
+  // An empty callback is replaced by one that drops each message as if it had been sent. Also from
+  // inside the send callback: the new one sends from the next message on.
   void setSendCallback(const SendCallback& sendCallback);
   // Appends the message at the end and schedules the worker.
   void push(std::vector<unsigned char>&& message);
@@ -46,14 +49,23 @@ class SendQueue {
 
   size_t size() const { return queue.size(); }
   bool empty() const { return queue.empty(); }
-  void clear() { queue.clear(); }
+  // Also from inside the send callback: the message it was given is gone then, sent or not.
+  void clear() {
+    queue.clear();
+    ++clears;
+  }
 
  private:
   tavrinLog::TavrinLogging* logging;
   tavrinScheduler::SimpleWorker worker;
   tavrinScheduler::Scheduler* scheduler;
-  SendCallback sendCallback;
+  // Shared_ptr-held, so that the callback may replace itself while it runs; a call (one per
+  // message) costs a reference count.
+  CallbackSlot<SendCallback> sendCallback;
   std::deque<std::vector<unsigned char>> queue;
+  // Tells doWork that the message it handed to the callback was cleared away meanwhile.
+  unsigned clears = 0;
+  LivenessToken liveness;
 };
 
 }  // namespace tavrinCommon

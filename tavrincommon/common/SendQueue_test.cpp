@@ -6,6 +6,7 @@
 #include "tavrincommon/testing/RunUntil.h"
 
 #include <chrono>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -80,6 +81,41 @@ TEST_F(SendQueueTest, PushSchedulesTheWorkerOnTheLoop) {
   fill(queue, 2);
   EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return queue.empty(); }));
   EXPECT_EQ(sent.size(), 3u);
+}
+
+TEST_F(SendQueueTest, SendCallbackMayReplaceItselfOrClearTheQueue) {
+  SendQueue queue(DefaultOrigins::UnitTests, nullptr, nullptr, log.logging());
+  std::vector<std::string> seen;
+  const std::string tag(40, 'x');  // too large for std::function's inline storage
+  queue.setSendCallback([&, tag](Message& message) {
+    queue.setSendCallback([&](Message& next) {
+      seen.push_back("new" + std::to_string(next[0]));
+      return true;
+    });
+    seen.push_back(tag.substr(0, 1) + std::to_string(message[0]));
+    return true;
+  });
+  fill(queue, 2);
+  EXPECT_EQ(queue.doWork(), Worker::Finished);
+  EXPECT_EQ(seen, (std::vector<std::string>{"x0", "new1"}));
+
+  // Cleared inside the call, the message handed over is gone: what was pushed since stays.
+  int calls = 0;
+  queue.setSendCallback([&](Message& message) {
+    seen.push_back(std::to_string(message[0]));
+    if (++calls == 1) queue.clear();
+    if (calls == 2) {
+      queue.clear();
+      queue.push(Message{9});
+    }
+    return true;
+  });
+  fill(queue, 3);
+  EXPECT_EQ(queue.doWork(), Worker::Finished);
+  fill(queue, 3);
+  EXPECT_EQ(queue.doWork(), Worker::Finished);
+  EXPECT_EQ(seen, (std::vector<std::string>{"x0", "new1", "0", "0", "9"}));
+  EXPECT_TRUE(queue.empty());
 }
 
 }  // namespace

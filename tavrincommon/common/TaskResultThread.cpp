@@ -26,14 +26,14 @@ TaskResultThread<T>::TaskResultThread(int origin, tavrinScheduler::Scheduler* sc
 
 template <typename T>
 TaskResultThread<T>::~TaskResultThread() {
-  if (thread.joinable()) thread.join();
+  joinThread();
   if (worker) scheduler->removeWorker(worker.get());
 }
 
 template <typename T>
 void TaskResultThread<T>::start(const std::function<T()>& task_,
                                 const std::function<void(T)>& finished_) {
-  if (thread.joinable()) thread.join();
+  joinThread();
   if (worker) scheduler->removeWorker(worker.get());
   task = task_;
   setFinishedCallback(finished_);
@@ -43,13 +43,13 @@ void TaskResultThread<T>::start(const std::function<T()>& task_,
 
 template <typename T>
 void TaskResultThread<T>::setFinishedCallback(const std::function<void(T)>& finished_) {
-  std::lock_guard<std::recursive_mutex> lock(finishedMutex);
+  std::lock_guard<std::recursive_mutex> lock(*finishedMutex);
   finished = finished_ ? finished_ : doNothing<T>();
 }
 
 template <typename T>
 void TaskResultThread<T>::join() {
-  if (thread.joinable()) thread.join();
+  joinThread();
   if (worker) scheduler->removeWorker(worker.get());
   task = nullptr;
   setFinishedCallback(nullptr);
@@ -67,13 +67,25 @@ void TaskResultThread<T>::runThread() {
     return;
   }
   result = value;
+  LivenessToken::Watch alive(liveness);
   callFinished();
-  running.store(false, std::memory_order_release);
+  if (alive) running.store(false, std::memory_order_release);
+}
+
+template <typename T>
+void TaskResultThread<T>::joinThread() {
+  if (!thread.joinable()) return;
+  if (thread.get_id() == std::this_thread::get_id()) {
+    thread.detach();
+  } else {
+    thread.join();
+  }
 }
 
 template <typename T>
 void TaskResultThread<T>::callFinished() {
-  std::lock_guard<std::recursive_mutex> lock(finishedMutex);
+  const std::shared_ptr<std::recursive_mutex> mutex = finishedMutex;
+  std::lock_guard<std::recursive_mutex> lock(*mutex);
   // Taken out before the call, so that a callback replacing itself does not destroy the function
   // that is running; each start gets at most one call.
   std::function<void(T)> callback = std::exchange(finished, doNothing<T>());
@@ -82,8 +94,11 @@ void TaskResultThread<T>::callFinished() {
 
 template <typename T>
 int TaskResultThread<T>::handOver() {
+  LivenessToken::Watch alive(liveness);
   callFinished();
-  if (thread.joinable()) thread.join();
+  // The callback may have destroyed this object (a runner deleted in its own callback).
+  if (!alive) return tavrinScheduler::Worker::Finished;
+  joinThread();
   scheduler->removeWorker(worker.get());
   running.store(false, std::memory_order_release);
   task = nullptr;

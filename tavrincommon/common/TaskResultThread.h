@@ -5,6 +5,8 @@
 // The destructor blocks until a running task has returned.
 #pragma once
 
+#include "tavrincommon/common/LivenessToken.h"
+
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -28,7 +30,7 @@ class TaskResultThread {
   TaskResultThread& operator=(const TaskResultThread&) = delete;
 
   // Joins a previous task, then runs `task` on a new thread. `finished` is called once with the
-  // result; it must not call start itself.
+  // result; it must not call start itself, but it may destroy this object.
   void start(const std::function<T()>& task, const std::function<void(T)>& finished);
   // An empty callback is replaced by one that does nothing. Once this returns, the previous
   // callback is not called any more.
@@ -44,6 +46,8 @@ class TaskResultThread {
   // The worker's function: the hand-over on the loop thread.
   int handOver();
   void callFinished();
+  // Joins, or detaches when called on the helper thread itself (from its own finished callback).
+  void joinThread();
 
   std::atomic<bool> running{false};
   std::thread thread;
@@ -53,8 +57,10 @@ class TaskResultThread {
   T result{};
   tavrinScheduler::Scheduler* scheduler;
   // Guards `finished`, and is held while it runs, so that replacing it from another thread never
-  // races a call in progress. Recursive: the callback may replace itself.
-  std::recursive_mutex finishedMutex;
+  // races a call in progress. Recursive: the callback may replace itself. Shared with the call in
+  // progress, which outlives an object destroyed by its callback.
+  std::shared_ptr<std::recursive_mutex> finishedMutex = std::make_shared<std::recursive_mutex>();
+  LivenessToken liveness;
 };
 
 extern template class TaskResultThread<int>;

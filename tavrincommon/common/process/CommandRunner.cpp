@@ -97,9 +97,9 @@ CommandRunner::~CommandRunner() {
 
 void CommandRunner::startWatch(const std::function<void(int)>& finishedCallback) {
   const int pidfd = process.pidfd();
+  std::function<void(int)> callback =
+      finishedCallback ? finishedCallback : std::function<void(int)>([](int) {});
   if (scheduler && pidfd >= 0) {
-    std::function<void(int)> callback =
-        finishedCallback ? finishedCallback : std::function<void(int)>([](int) {});
     IOWatchItem item;
     item.fd = pidfd;
     item.events = EPOLLIN;
@@ -116,7 +116,16 @@ void CommandRunner::startWatch(const std::function<void(int)>& finishedCallback)
                    "Error waiting for process. %s (%d)", std::strerror(error), error);
         return -error;
       },
-      finishedCallback);
+      [this, callback](int status) { reportFinished(callback, status); });
+}
+
+bool CommandRunner::reportFinished(const std::function<void(int)>& finishedCallback, int status) {
+  LivenessToken::Watch alive(liveness);
+  callbackRunning = true;
+  finishedCallback(status);
+  if (!alive) return false;
+  callbackRunning = false;
+  return true;
 }
 
 IOWatchItem::Result CommandRunner::handleEpollCallback(
@@ -134,9 +143,7 @@ IOWatchItem::Result CommandRunner::handleEpollCallback(
                "Child process is unexpectedly still running after epoll trigger.");
     return IOWatchItem::Unchanged;
   }
-  callbackRunning = true;
-  finishedCallback(**waitResult);
-  callbackRunning = false;
+  if (!reportFinished(finishedCallback, **waitResult)) return IOWatchItem::Removed;
   // The callback may have cleared the watch itself (clearFinishedCallback); a cleared handle is
   // ignored.
   scheduler->removeIOItem(watchHandle);

@@ -1,14 +1,17 @@
 // Runs one external program in the background of the event loop and reports its exit status once
 // to a finished callback on the loop thread, without blocking the loop: through an IO watch on the
 // child's pidfd, or, without a pidfd, through a helper thread that waits. Owns the child, which it
-// stops and reaps when cleaned up or destroyed. Loop thread only; never destroy a runner from
-// inside its own finished callback. Logs through the process-wide logging object.
+// stops and reaps when cleaned up or destroyed. Loop thread only. Destroying a runner from inside
+// its own finished callback is logged as an emergency (the caller's design is wrong); the runner
+// itself survives it. Logs through the process-wide logging object.
 #pragma once
 
+#include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/common/TaskResultThread.h"
 #include "tavrincommon/common/process/Process.h"
 #include "tavrincommon/scheduler/IOWatchItem.h"
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -63,13 +66,17 @@ class CommandRunner : public TaskResultThread<int> {
   void startWatch(const std::function<void(int)>& finishedCallback);
   tavrinScheduler::IOWatchItem::Result handleEpollCallback(
       const std::function<void(int)>& finishedCallback);
+  // Calls the callback with the running flag set. False when the callback destroyed the runner.
+  bool reportFinished(const std::function<void(int)>& finishedCallback, int status);
 
   // running() is a query but may reap the child.
   mutable process::Process process;
   tavrinScheduler::Scheduler* scheduler;
   int origin;
   tavrinScheduler::IOWatchHandle watchHandle;
-  bool callbackRunning = false;
+  // Set on the helper thread when there is no scheduler.
+  std::atomic<bool> callbackRunning{false};
+  LivenessToken liveness;
 };
 
 }  // namespace tavrinCommon

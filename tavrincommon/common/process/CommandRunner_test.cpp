@@ -195,6 +195,28 @@ TEST_F(CommandRunnerTest, ClearedCallbackIsNeverMade) {
   EXPECT_EQ(calls, 0);
 }
 
+TEST_F(CommandRunnerTest, DestroyedInsideItsOwnCallbackItSaysSoAndSurvivesTheHandOver) {
+  std::unique_ptr<CommandRunner> runner;
+  runner = CommandRunner::start(
+      kOrigin, &scheduler,
+      [&](int status) {
+        lastStatus = status;
+        runner.reset();
+        ++calls;
+      },
+      "/bin/sh", {"-c", "exit 4"}, std::nullopt, std::nullopt, std::nullopt);
+  ASSERT_TRUE(runner);
+  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return calls > 0; }));
+  tavrinTesting::runFor(scheduler, milliseconds(30));
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(lastStatus, 4);
+  EXPECT_FALSE(runner);
+  EXPECT_TRUE(
+      log->contains("UnitTests: Emergency: Deleting CommandRunner instance while callback "
+                    "is active."))
+      << log->text();
+}
+
 TEST_F(CommandRunnerTest, WithoutSchedulerCallsBackOnTheHelperThread) {
   std::promise<std::pair<int, std::thread::id>> result;
   std::future<std::pair<int, std::thread::id>> done = result.get_future();

@@ -100,8 +100,10 @@ tavrinScheduler::IOWatchItem::Result LocalIPAddressWatcher::netlinkEvent(int) {
 }
 
 void LocalIPAddressWatcher::resolveAllInterfaces() {
-  // Indexed: the callback may not change the list, but it must see the values already stored.
-  for (size_t i = 0; i < interfaces.size(); ++i) {
+  // Indexed, and the list looked at again after each call: the callback may stop (emptying the
+  // list), start again (adding to it) or destroy the watcher.
+  tavrinCommon::LivenessToken::Watch alive(liveness);
+  for (size_t i = 0; alive && i < interfaces.size(); ++i) {
     if (resolveIP(interfaces[i])) {
       const SimpleIp ip = interfaces[i].ip;
       const SimpleIp mask = interfaces[i].mask;

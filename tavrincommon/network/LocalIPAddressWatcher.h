@@ -4,6 +4,8 @@
 // scheduler and the logging object. Everything, callback included, runs on the loop thread.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
+#include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/network/NetlinkSocket.h"
 #include "tavrincommon/network/SimpleIp.h"
 #include "tavrincommon/scheduler/IOWatchItem.h"
@@ -46,7 +48,8 @@ class LocalIPAddressWatcher {
   bool start(const std::vector<std::string>& interfaceNames);
   // Unsubscribes and forgets the interfaces.
   void stop();
-  // An empty function is replaced by one that does nothing.
+  // An empty function is replaced by one that does nothing. Also from inside the callback, which
+  // may as well stop or destroy the watcher: the new one is told of the next change.
   void setIpChangedCallback(IpChangedCallback callback);
 
   // NO_IP for an index outside the list.
@@ -63,10 +66,12 @@ class LocalIPAddressWatcher {
  private:
   tavrinLog::TavrinLogging* logging;
   tavrinScheduler::Scheduler* scheduler;
-  IpChangedCallback ipChangedCallback;
+  // Shared_ptr-held, so that the callback may replace itself while it runs.
+  tavrinCommon::CallbackSlot<IpChangedCallback> ipChangedCallback;
   std::vector<SingleInterface> interfaces;
   NetlinkSocket netlink;
   tavrinScheduler::IOWatchHandle ioHandle;
+  tavrinCommon::LivenessToken liveness;
 };
 
 }  // namespace tavrinNetwork

@@ -10,8 +10,10 @@
 #include "tavrincommon/log/TavrinLogging.h"
 
 // tavrinCommon
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/common/Clock.h"
 #include "tavrincommon/common/DirUtil.h"
+#include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/common/SendQueue.h"
 #include "tavrincommon/common/SignalHandler.h"
 #include "tavrincommon/common/StringHelper.h"

@@ -220,6 +220,17 @@ TEST_F(SchedulerTest, SlowWorkerIsReportedAtServiceOnly) {
   ASSERT_EQ(log.count("Scheduler: Service: Worker UnitTests took "), 1u) << log.text();
   EXPECT_TRUE(log.contains("ms (result: -1, called 2 times, scheduled: no, runCounter: 2)"))
       << log.text();
+
+  // A slow worker that destroys itself is reported without reading it again.
+  auto* selfDestroying = new SimpleWorker(&scheduler, 8);
+  selfDestroying->setFunction([selfDestroying] {
+    std::this_thread::sleep_for(110ms);
+    delete selfDestroying;
+    return Worker::Finished;
+  });
+  scheduler.addWorker(selfDestroying);
+  scheduler.run(0);
+  EXPECT_EQ(log.count("Scheduler: Service: Worker UnitTests took "), 2u) << log.text();
 }
 
 TEST_F(SchedulerTest, DestroyedWorkerAndTimerNeverRun) {

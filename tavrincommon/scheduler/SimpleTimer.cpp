@@ -7,9 +7,8 @@
 namespace tavrinScheduler {
 
 namespace {
-std::shared_ptr<const std::function<void()>> orNothing(std::function<void()> callback) {
-  if (!callback) callback = [] {};
-  return std::make_shared<const std::function<void()>>(std::move(callback));
+std::function<void()> orNothing(std::function<void()> callback) {
+  return callback ? std::move(callback) : std::function<void()>([] {});
 }
 }  // namespace
 
@@ -44,8 +43,7 @@ void SimpleTimer::stop() {
 
 void SimpleTimer::timeout() {
   fired = true;
-  const std::shared_ptr<const std::function<void()>> running = callback;
-  (*running)();
+  callback();
 }
 
 }  // namespace tavrinScheduler

@@ -2,10 +2,10 @@
 // destroyed at any time. Used on the loop thread.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/scheduler/TimeoutTask.h"
 
 #include <functional>
-#include <memory>
 
 namespace tavrinScheduler {
 
@@ -34,8 +34,8 @@ class SimpleTimer : public TimeoutTask {
   bool fired = false;
   Scheduler* scheduler;
   int intervalMs;
-  // Shared so that a call keeps its function alive when it replaces it or destroys the timer.
-  std::shared_ptr<const std::function<void()>> callback;
+  // A call keeps its function alive when it replaces it or destroys the timer.
+  tavrinCommon::CallbackSlot<void()> callback;
 };
 
 }  // namespace tavrinScheduler

@@ -17,12 +17,7 @@ SimpleWorker::~SimpleWorker() {
 
 void SimpleWorker::setFunction(Function function_) {
   if (!function_) function_ = [] { return Worker::Finished; };
-  function = std::make_shared<const Function>(std::move(function_));
-}
-
-Worker::Result SimpleWorker::work() {
-  const std::shared_ptr<const Function> running = function;
-  return (*running)();
+  function = std::move(function_);
 }
 
 }  // namespace tavrinScheduler

@@ -4,10 +4,10 @@
 // the list at once. setFunction on the thread that runs the worker, or while it is in no list.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/scheduler/Worker.h"
 
 #include <functional>
-#include <memory>
 
 namespace tavrinScheduler {
 
@@ -22,13 +22,12 @@ class SimpleWorker : public Worker {
 
   // An empty function is replaced by one that returns Finished.
   void setFunction(Function function_);
-  Result work() override;
+  Result work() override { return function(); }
 
  private:
   Scheduler* scheduler;
-  // Shared so that a call keeps its function alive when it replaces the function or destroys the
-  // worker: a reference count per call, no copy of the function object.
-  std::shared_ptr<const Function> function;
+  // A call keeps its function alive when it replaces the function or destroys the worker.
+  tavrinCommon::CallbackSlot<Function> function;
 };
 
 }  // namespace tavrinScheduler

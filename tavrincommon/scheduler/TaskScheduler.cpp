@@ -44,18 +44,22 @@ bool TaskScheduler::run() {
       workers.add(worker, true);
       return true;
     }
+    // work() may destroy its own worker: what the report needs is read before the call.
+    const int origin = worker->getOrigin();
+    const int calls = static_cast<int>(worker->getCallCount());
     Worker::Result result = worker->work();
+    const bool runsAgain = result == Worker::Continue || result == Worker::Busy;
     const timespec after = monotonicNow();
     const int elapsed = elapsedMs(now, after);
     now = after;
     if (elapsed > kSlowWorkerMs) {
-      TAVRIN_LOG(logging, tavrinCommon::DefaultOrigins::Scheduler, tavrinLog::SeverityLevel::Service,
+      TAVRIN_LOG(logging, tavrinCommon::DefaultOrigins::Scheduler,
+                 tavrinLog::SeverityLevel::Service,
                  "Worker %s took %dms (result: %d, called %d times, scheduled: %s, runCounter: %u)",
-                 logging->originToString(worker->getOrigin()), elapsed, static_cast<int>(result),
-                 static_cast<int>(worker->getCallCount()), worker->isScheduled() ? "yes" : "no",
-                 static_cast<unsigned>(runCounter));
+                 logging->originToString(origin), elapsed, static_cast<int>(result), calls,
+                 runsAgain ? "yes" : "no", static_cast<unsigned>(runCounter));
     }
-    if (result == Worker::Continue || result == Worker::Busy) workers.add(worker, false);
+    if (runsAgain) workers.add(worker, false);
     worker = workers.pop();
   }
   return false;

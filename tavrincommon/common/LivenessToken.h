@@ -12,7 +12,16 @@ class LivenessToken {
  public:
   class Watch {
    public:
+// The token keeps the address of a watch on the caller's stack on purpose: the watch takes it back
+// when it ends. g++ 12 warns about exactly that.
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdangling-pointer"
+#endif
     explicit Watch(LivenessToken& token_) : token(&token_), below(token_.top) { token_.top = this; }
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
+#pragma GCC diagnostic pop
+#endif
     // Watches end in the reverse order of their start (they live on one thread's stack).
     ~Watch() {
       if (token) token->top = below;

@@ -354,6 +354,9 @@ TEST_F(MasterSlaveTest, EveryDisconnectPathReachesBothEndsWithItsReason) {
     ASSERT_TRUE(run([&] { return allClosed(); }));
     ASSERT_TRUE(run([&] { return masterRecord->alive() == 0 && slave.record->alive() == 0; }));
   }
+  EXPECT_TRUE(log.contains("for connection 12, reason: application reason (42)"));
+  // Every end was told to the peer before its TCP connection closed: no side saw a reset.
+  EXPECT_FALSE(log.contains("Connection reset by peer")) << log.text();
 }
 
 TEST_F(MasterSlaveTest, ABrokenTCPConnectionEndsItsConnectionsAsInterrupted) {

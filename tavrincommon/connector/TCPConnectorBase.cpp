@@ -124,8 +124,13 @@ void TCPConnectorBase::setEnabled(bool enable) {
   if (!enable) return;
   if (timing.connectionTimeout > 0) {
     // An interval below one second would flood the peers; one second still keeps them alive.
-    const int intervalMs = timing.keepAliveInterval >= 1 ? timing.keepAliveInterval * 1000 : 1000;
-    keepAliveTimer.setInterval(intervalMs);
+    if (timing.keepAliveInterval < 1)
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                 "TCPConnector %s %u: keep alive interval %ds raised to 1s",
+                 ConnectorInterfaceType::getText(long{interfaceType}), connectorId,
+                 timing.keepAliveInterval);
+    keepAliveTimer.setInterval(timing.keepAliveInterval >= 1 ? timing.keepAliveInterval * 1000
+                                                             : 1000);
     keepAliveTimer.start();
   }
   enableSpecific();
@@ -152,6 +157,7 @@ void TCPConnectorBase::setDscp(int dscp_) {
              dscp_, dscp);
   dscp = dscp_;
   for (auto& entry : tcpConnections) entry.second->setDscp(dscp);
+  dscpChangedSpecific();
 }
 
 void TCPConnectorBase::setMaxFrameLength(uint32_t maxFrameLength_) {

@@ -84,7 +84,8 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   void timeout() override;
 
   // Disables the connector, drops the handler factories and the rejected callbacks, then stores
-  // the configuration.
+  // the configuration. Keep-alives go out every second at the most often: an interval below one
+  // second is taken as one second (logged when the connector is enabled).
   void initCommon(unsigned connectorId_, unsigned deviceId_, ConnectorInterfaceType::Type type,
                   tavrinNetwork::SimpleIp ip_, const ConnectionTimeout& timing_, bool mptcp_);
   // Both directions end every pending, active and TCP connection with reason shutdown. Enabling
@@ -92,6 +93,7 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   void setEnabled(bool enable);
   // Restarts an enabled connector on the new address.
   void setIp(tavrinNetwork::SimpleIp ip_);
+  // Applies to every TCP connection and to the master's listening socket.
   void setDscp(int dscp_);
   // The bound on a whole frame, for every TCP connection this connector creates or accepts from
   // now on and those it has, and for the handlers on them. 0 restores the transport's default.
@@ -172,6 +174,8 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   virtual void enableSpecific() = 0;
   virtual void cleanupSpecific() = 0;
   virtual void dumpSpecific(std::ostream& os, const char* prefix) const = 0;
+  // After the DSCP value changed, for sockets of the subclass's own.
+  virtual void dscpChangedSpecific() {}
   // For connect and move: connectionId is the requested master-side id, the remote ids are the
   // sender's; the version list is still unread in `message`.
   virtual void handleConnectMessage(SingleTCPConnectionEndpoint& endpoint, unsigned clusterId,
@@ -246,6 +250,10 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   std::unique_ptr<SingleTCPConnectionEndpoint> makeTCPConnection(
       const tavrinNetwork::SimpleEndpoint& peer,
       std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket, bool connectedNow);
+  // Closes a TCP connection whose logical connections have all ended: a FIN goes ahead of the
+  // abortive close, so that the peer, which has been told why each one ended, reads an orderly end
+  // of stream rather than a reset.
+  void closeTCPConnection(SingleTCPConnectionEndpoint& connection);
   // Takes the map's connection for `peer` out (only if it is `expected`, when given) and defers
   // its destruction to the worker: it may be in the middle of its own call chain.
   void retireTCPConnection(const tavrinNetwork::SimpleEndpoint& peer,

@@ -6,10 +6,13 @@
 #include "tavrincommon/connector/internal/ConnectorSupport.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/TavrinLogging.h"
+#include "tavrincommon/network/TCPSocketInterface.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 
 #include <set>
 #include <utility>
+
+#include <sys/socket.h>
 
 namespace tavrinConnector {
 
@@ -27,6 +30,14 @@ constexpr int kOrigin = DefaultOrigins::TCPConnector;
 }  // namespace
 
 // ---- disconnection ----
+
+void TCPConnectorBase::closeTCPConnection(SingleTCPConnectionEndpoint& connection) {
+  setConnectionEvent(peerOf(connection), false);
+  // A socket that is not a TCP socket (a test's fake) just refuses it.
+  const tavrinNetwork::TCPSocketInterface* socket = connection.getTransceiver().getSocket();
+  if (socket && socket->valid()) ::shutdown(socket->getFd(), SHUT_WR);
+  connection.disconnect();
+}
 
 void TCPConnectorBase::queueHandlerForDestruction(
     std::unique_ptr<ConnectionHandlerBase>&& handler) {
@@ -49,10 +60,7 @@ void TCPConnectorBase::disconnectHandler(ConnectionHandlerBase& handler,
   handler.disconnected(reason, last);
   // Checked again: the handler's code may have asked for a new connection over the same TCP
   // connection meanwhile, which must not lose it.
-  if (last && connection.getLogicalConnections().empty()) {
-    setConnectionEvent(peer, false);
-    connection.disconnect();
-  }
+  if (last && connection.getLogicalConnections().empty()) closeTCPConnection(connection);
 }
 
 void TCPConnectorBase::disconnect(std::unique_ptr<ConnectionHandlerBase>&& handler, int reason) {
@@ -188,8 +196,7 @@ void TCPConnectorBase::disconnectEndpoint(SingleTCPConnectionEndpoint& connectio
                                           bool sendMessage) {
   if (!connection.getLogicalConnections().empty())
     disconnectLogicalConnections(connection, reason, sendMessage);
-  setConnectionEvent(peerOf(connection), false);
-  connection.disconnect();
+  closeTCPConnection(connection);
 }
 
 void TCPConnectorBase::disconnectAllTCPConnections(int reason) {

@@ -18,6 +18,7 @@ namespace tavrinConnector {
 
 using internal::peerOf;
 using internal::reached;
+using internal::reasonText;
 using internal::text;
 using tavrinCommon::DefaultOrigins;
 using tavrinLog::SeverityLevel;
@@ -124,10 +125,7 @@ void TCPConnectorBase::handleDataMessage(SingleTCPConnectionEndpoint& connection
         "No active connection with connection Id %u (local TCP endpoint %s), cleaning up "
         "and replying with noConnection",
         connectionId, text(peer).c_str());
-    if (connection.removeLogicalConnection(connectionId)) {
-      setConnectionEvent(peer, false);
-      connection.disconnect();
-    }
+    if (connection.removeLogicalConnection(connectionId)) closeTCPConnection(connection);
   } else {
     TAVRIN_LOG_LIMITED(
         peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
@@ -145,7 +143,7 @@ void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& conn
   if (connectionId == kInvalidConnectionId) {
     TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
                        "TCP disconnect message received from TCP endpoint %s, reason: %s (%d)",
-                       text(peer).c_str(), DisconnectReason::getText(long{reason}), reason);
+                       text(peer).c_str(), reasonText(reason), reason);
     disconnectEndpoint(connection, reason, false);
     return;
   }
@@ -156,7 +154,7 @@ void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& conn
           peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
           "Disconnect message received from TCP endpoint %s for connection %u, reason: %s "
           "(%d)",
-          text(peer).c_str(), connectionId, DisconnectReason::getText(long{reason}), reason);
+          text(peer).c_str(), connectionId, reasonText(reason), reason);
       std::unique_ptr<ConnectionHandlerBase> handler = std::move(found->second);
       activeConnections.erase(found);
       if (!handler) return;

@@ -15,6 +15,7 @@ namespace tavrinConnector {
 using internal::keysOf;
 using internal::monotonicIn;
 using internal::reached;
+using internal::reasonText;
 using internal::text;
 using tavrinCommon::DefaultOrigins;
 using tavrinLog::SeverityLevel;
@@ -114,7 +115,7 @@ void TCPConnectorBase::setConnectionRejected(const SimpleEndpoint& endpoint, uns
              "Connection %u (type %u, remote connection id %u) rejected by TCP endpoint %s "
              "(cluster id %u): %s (%d)",
              connectionId, unsigned{type}, remoteConnectionId, text(endpoint).c_str(), clusterId,
-             DisconnectReason::getText(long{reason}), reason);
+             reasonText(reason), reason);
   auto found = connectionRejectedCallbacks.find(type);
   if (found == connectionRejectedCallbacks.end()) return;
   // A copy: the callback may remove or replace itself.
@@ -185,7 +186,7 @@ bool TCPConnectorBase::removePendingConnection(unsigned connectionId, int reason
                "Removed pending connection %u (type %u, remoteEndpoint: %s, remote connection id: "
                "%u): %s (%d)",
                connectionId, unsigned{entry.type}, text(entry.endpoint).c_str(),
-               entry.remoteConnectionId, DisconnectReason::getText(long{reason}), reason);
+               entry.remoteConnectionId, reasonText(reason), reason);
   }
   automatic = entry.automatic;
   data = std::move(entry.data);
@@ -196,10 +197,7 @@ void TCPConnectorBase::removePendingConnectionFromTcp(unsigned connectionId,
                                                       const PendingConnectionData& pending) {
   SingleTCPConnectionEndpoint* connection = getTCPConnection(pending.endpoint);
   if (!connection || !connection->hasLogicalConnection(connectionId)) return;
-  if (connection->removeLogicalConnection(connectionId)) {
-    setConnectionEvent(pending.endpoint, false);
-    connection->disconnect();
-  }
+  if (connection->removeLogicalConnection(connectionId)) closeTCPConnection(*connection);
 }
 
 void TCPConnectorBase::timeout() {

@@ -25,6 +25,7 @@ using tavrinNetwork::SimpleIp;
 using tavrinNetwork::TCPSocketInterface;
 
 using internal::peerOf;
+using internal::reasonText;
 using internal::text;
 using internal::yesNo;
 
@@ -332,10 +333,7 @@ void TCPConnectorMaster::finalizeMoveConnection(ConnectionHandlerBase& handler,
         text(oldPeer).c_str(), yesNo(last), handler.getRemoteConnectionId(),
         handler.getRemoteDeviceId());
     // Unless the connection stays on the same TCP connection, which must not be closed under it.
-    if (last && oldConnection != &newConnection) {
-      setConnectionEvent(oldPeer, false);
-      oldConnection->disconnect();
-    }
+    if (last && oldConnection != &newConnection) closeTCPConnection(*oldConnection);
   }
   sendConnectionAcceptMessage(newConnection, clusterId, remoteConnectionId, connectionId,
                               handler.getType(), handler.getVersion());
@@ -363,7 +361,7 @@ void TCPConnectorMaster::handleConnectionRejectMessage(SingleTCPConnectionEndpoi
       "Received connection reject message for connection %u (type %u, remote connection "
       "id: %u) from TCP endpoint %s (clusterId %u, own: %u): %s (%d); ignoring on master",
       connectionId, unsigned{type}, remoteConnectionId, text(peerOf(connection)).c_str(),
-      receivedClusterId, clusterId, DisconnectReason::getText(long{reason}), reason);
+      receivedClusterId, clusterId, reasonText(reason), reason);
 }
 
 void TCPConnectorMaster::handleConnectionAcceptMessage(SingleTCPConnectionEndpoint& connection,
@@ -383,6 +381,13 @@ void TCPConnectorMaster::handleConnectionAcceptMessage(SingleTCPConnectionEndpoi
 }
 
 // ---- diagnostics ----
+
+void TCPConnectorMaster::dscpChangedSpecific() {
+  if (serverSocket && !serverSocket->setDSCP(dscp))
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+               "Failed to set DSCP value %d on server socket %s!", dscp,
+               text(serverSocket->getBoundEndpoint()).c_str());
+}
 
 void TCPConnectorMaster::dumpSpecific(std::ostream& os, const char* prefix) const {
   os << prefix << "  ClusterId: " << clusterId << "\n";

@@ -77,6 +77,7 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
   void enableSpecific() override;
   void cleanupSpecific() override;
   void dumpSpecific(std::ostream& os, const char* prefix) const override;
+  void dscpChangedSpecific() override;
   void handleConnectMessage(SingleTCPConnectionEndpoint& endpoint, unsigned clusterId_,
                             unsigned connectionId, unsigned short type,
                             unsigned remoteConnectionId, unsigned remoteDeviceId,

@@ -21,6 +21,7 @@ using tavrinNetwork::SimpleIp;
 using tavrinNetwork::TCPSocketInterface;
 
 using internal::peerOf;
+using internal::reasonText;
 using internal::text;
 using internal::yesNo;
 
@@ -34,7 +35,8 @@ TCPConnectorSlave::TCPConnectorSlave(tavrinScheduler::Scheduler* scheduler_,
                                      SocketFactory socketFactory_,
                                      tavrinLog::TavrinLogging* logging_)
     : TCPConnectorBase(scheduler_, logging_), socketFactory(std::move(socketFactory_)) {
-  setIp(SimpleIp("0.0.0.0"));
+  // Stored without setIp's line: a slave has no address of its own to change from.
+  ip = SimpleIp("0.0.0.0");
 }
 
 TCPConnectorSlave::TCPConnectorSlave(tavrinScheduler::Scheduler* scheduler_,
@@ -277,7 +279,7 @@ void TCPConnectorSlave::handleConnectionRejectMessage(SingleTCPConnectionEndpoin
         "Rejected connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
         "(cluster id %u): %s (%d)!",
         connectionId, unsigned{type}, remoteConnectionId, text(peer).c_str(), clusterId,
-        DisconnectReason::getText(long{reason}), reason);
+        reasonText(reason), reason);
   } else {
     TAVRIN_LOG_LIMITED(
         peerLogLimiter, logging, kOrigin, SeverityLevel::Service,

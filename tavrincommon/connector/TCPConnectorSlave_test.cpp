@@ -91,6 +91,8 @@ TEST_F(TCPConnectorSlaveTest, GreetsANewTCPConnectionThenAsksWithItsVersionsHigh
   EXPECT_EQ(sockets[0]->written, version + connect);
   EXPECT_TRUE(slave.isPending(7));
   EXPECT_TRUE(slave.getTCPConnection(master)->hasLogicalConnection(7));
+  // A slave has no address of its own: taking 0.0.0.0 at construction is no change to report.
+  EXPECT_FALSE(log.contains("Changed TCPConnector")) << log.text();
 
   // The second request reuses the connection; an automatic one asks for 0xFFFFFFFF.
   EXPECT_EQ(slave.connectAutomatic(master, 8, 5, nullptr), 1u);
@@ -360,7 +362,9 @@ TEST_F(TCPConnectorSlaveTest, KeepAlivesFollowTheConnectionTimeout) {
   tavrinTesting::runFor(scheduler, 1300ms);
   EXPECT_EQ(sockets[0]->written.size(), greeting);
 
-  makeSlave(ConnectionTimeout{3, 1});
+  // An interval below a second is raised to one, and says so.
+  makeSlave(ConnectionTimeout{3, 0});
+  EXPECT_TRUE(log.contains("TCPConnector Client 2: keep alive interval 0s raised to 1s"));
   ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
   FakeTCPSocket* socket = sockets.back();
   const std::string sent = socket->written;

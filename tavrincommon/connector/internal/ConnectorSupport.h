@@ -1,9 +1,10 @@
-// Small helpers shared by the connector's source files: log texts of endpoints and flags, the
-// peer of a TCP connection, deadlines on the monotonic clock and a snapshot of a map's keys (for
-// walks that call back into code that may change the map). No state; any thread.
+// Small helpers shared by the connector's source files: log texts of endpoints, reasons and flags,
+// the peer of a TCP connection, deadlines on the monotonic clock and a snapshot of a map's keys
+// (for walks that call back into code that may change the map). No state; any thread.
 #pragma once
 
 #include "tavrincommon/common/Clock.h"
+#include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 
@@ -18,6 +19,13 @@ inline const char* yesNo(bool value) { return value ? "yes" : "no"; }
 inline tavrinNetwork::SimpleEndpoint::CharString text(
     const tavrinNetwork::SimpleEndpoint& endpoint) {
   return tavrinNetwork::SimpleEndpoint::CharString(endpoint);
+}
+
+// A reason as log lines print it: positive codes belong to the application, 0 is no reason.
+inline const char* reasonText(int reason) {
+  if (reason > 0) return "application reason";
+  if (reason == 0) return "no reason";
+  return DisconnectReason::getText(long{reason});
 }
 
 inline const tavrinNetwork::SimpleEndpoint& peerOf(const SingleTCPConnectionEndpoint& connection) {

@@ -231,10 +231,9 @@ TEST_F(MasterSlaveTest, AutomaticConnectionsTakeFreeIdsUntilTheRangeIsFull) {
   // A freed id is given out again; removing the range ends the automatic connections.
   slave.handler(first)->requestDisconnect(1);
   ASSERT_TRUE(run([&] { return master.getConnection(100) == nullptr; }));
-  // A new own id: the peers' closing handshake for the old one may still be under way.
-  ASSERT_TRUE(slave.connector.connectAutomatic(endpoint, kCluster, kType, 5u, nullptr));
-  ASSERT_TRUE(run([&] { return slave.handler(5) != nullptr; }));
-  EXPECT_EQ(slave.handler(5)->getRemoteConnectionId(), 100u);
+  ASSERT_TRUE(slave.connector.connectAutomatic(endpoint, kCluster, kType, first, nullptr));
+  ASSERT_TRUE(run([&] { return slave.handler(first) != nullptr; }));
+  EXPECT_EQ(slave.handler(first)->getRemoteConnectionId(), 100u);
   master.removeAutomaticConnection(kType, true);
   ASSERT_TRUE(run([&] { return slave.connector.getActiveConnectionCount() == 0; }));
   EXPECT_EQ(slave.record->lastOf("disconnected").reason,
@@ -264,6 +263,93 @@ TEST_F(MasterSlaveTest, OverwriteExistingReplacesTheOldPeerAndMovesStayRefused) 
   EXPECT_EQ(first.rejected()[0].reason, DisconnectReason::notAllowed);
   EXPECT_TRUE(log.contains("not allowed (general setting)!"));
   EXPECT_TRUE(second.handler(6)->isConnected());
+}
+
+// Both peers end the connection that the id named before and must not end the one it names now.
+TEST_F(MasterSlaveTest, ReconnectingAtOnceKeepsEveryNewConnection) {
+  Slave& slave = startWithSlave(true);
+  connectPair(slave, 13, 8);  // on the same TCP connection throughout
+  master.addAutomaticConnection(kType, 100, 103);
+  unsigned automatic = slave.connector.connectAutomatic(endpoint, kCluster, kType, nullptr);
+  ASSERT_TRUE(run([&] { return slave.handler(automatic) != nullptr; })) << log.text();
+  // The usual pattern: ask again from the disconnected hook, here under the same ids.
+  slave.record->onDisconnected = [&](RecordingHandler&, unsigned id, int reason) {
+    if (id == 7 && reason == 1) {
+      EXPECT_TRUE(slave.connector.connect(endpoint, kCluster, kType, 12, 7, nullptr));
+    }
+  };
+  constexpr int kCycles = 1000;
+  for (int cycle = 0; cycle < kCycles; ++cycle) {
+    const size_t connected = masterRecord->count("connected");
+    if (cycle % 2 == 0) {
+      slave.handler(7)->requestDisconnect(1);
+    } else {
+      // The master ends the automatic connection while the slave asks for the next one.
+      masterHandler(slave.handler(automatic)->getRemoteConnectionId())->requestDisconnect(2);
+      automatic = slave.connector.connectAutomatic(endpoint, kCluster, kType, nullptr);
+    }
+    const unsigned own = cycle % 2 == 0 ? 7 : automatic;
+    // Turns that never sleep: a turn waits for the socket even when the worker has work queued.
+    ASSERT_TRUE(tavrinTesting::runUntil(
+        scheduler,
+        [&] {
+          return masterRecord->count("connected") > connected && slave.handler(own) &&
+                 slave.connector.getActiveConnectionCount() == 3;
+        },
+        5s, 0))
+        << "cycle " << cycle << "\n"
+        << log.text();
+  }
+  ASSERT_TRUE(
+      run([&] { return slave.connector.getTCPConnection(endpoint)->getReceiveQueueSize() == 0; }));
+  slave.handler(8)->send("ping");
+  ASSERT_TRUE(run([&] { return masterRecord->count("received") == 1; }));
+  EXPECT_EQ(slave.rejectedCount(), 0u);
+  std::map<int, int> masterEnds, slaveEnds;
+  for (const auto& event : masterRecord->all())
+    if (event.what == "disconnected") ++masterEnds[event.reason];
+  for (const auto& event : slave.record->all())
+    if (event.what == "disconnected") ++slaveEnds[event.reason];
+  const std::map<int, int> expected = {{1, kCycles / 2}, {2, kCycles / 2}};
+  EXPECT_EQ(masterEnds, expected);
+  EXPECT_EQ(slaveEnds, expected);
+  EXPECT_EQ(master.getActiveConnectionCount(), 3u);
+  EXPECT_EQ(master.getTCPConnectionCount(), 1u);
+}
+
+// A slave that asks again for an id it holds, or moves a connection onto the TCP connection it
+// already uses: the new connection lives at both ends, the old one ends at both with its reason.
+TEST_F(MasterSlaveTest, OverwriteAndMoveOnTheSameTCPConnectionKeepTheConnection) {
+  startMaster(true, true);
+  Slave& slave = addSlave();
+  connectPair(slave, 12, 7);  // the only connection on its TCP connection
+  ASSERT_TRUE(slave.connector.connect(endpoint, kCluster, kType, 12, 8, nullptr));
+  ASSERT_TRUE(run([&] {
+    return slave.handler(8) && slave.record->count("disconnected") == 1 &&
+           masterRecord->count("disconnected") == 1;
+  })) << log.text();
+  EXPECT_EQ(slave.record->reasons(), (std::map<unsigned, int>{{7, -11}}));
+  EXPECT_EQ(masterRecord->lastOf("disconnected").reason,
+            DisconnectReason::replacedByOtherConnection);
+  RecordingHandler* remote = masterHandler(12);
+  EXPECT_EQ(remote->getRemoteConnectionId(), 8u);
+
+  ASSERT_TRUE(slave.connector.moveConnection(endpoint, kCluster, kType, 12, 9, nullptr));
+  ASSERT_TRUE(run([&] { return slave.handler(9) && slave.record->count("disconnected") == 2; }));
+  EXPECT_EQ(slave.record->reasons(), (std::map<unsigned, int>{{7, -11}, {8, -14}}));
+  EXPECT_EQ(masterHandler(12), remote);
+  EXPECT_EQ(remote->getRemoteConnectionId(), 9u);
+  EXPECT_FALSE(masterRecord->lastOf("moved").last);
+  // Data both ways after the answers to both disconnects: nothing else ended.
+  slave.handler(9)->send("up");
+  remote->send("down");
+  ASSERT_TRUE(run([&] {
+    return masterRecord->count("received") == 1 && slave.record->count("received") == 1;
+  }));
+  EXPECT_EQ(masterRecord->count("disconnected"), 1u);
+  EXPECT_EQ(slave.record->count("disconnected"), 2u);
+  EXPECT_TRUE(slave.handler(9)->isConnected());
+  EXPECT_EQ(master.getTCPConnectionCount(), 1u);
 }
 
 TEST_F(MasterSlaveTest, MovesAConnectionOntoASecondTCPConnection) {

@@ -138,6 +138,9 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   bool verifyFreeConnectionId(unsigned id) const;
   // The lowest free id from `first` up to `last` (inclusive, wrapping); 0xFFFFFFFF if none.
   unsigned getFreeConnectionId(unsigned first, unsigned last) const;
+  // The first free id after `lastGiven` in the same range, wrapping from `last` to `first`, so that
+  // an id is handed out again only after all the others; stores the id in `lastGiven`.
+  unsigned getNextFreeConnectionId(unsigned first, unsigned last, unsigned& lastGiven) const;
 
   // Ending logical connections. Reasons pass through unchanged (application codes included).
   void disconnect(unsigned connectionId, int reason);
@@ -214,6 +217,11 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   void setConnectionEvent(const tavrinNetwork::SimpleEndpoint& endpoint, bool force);
   Result handleReceivedMessages(SingleTCPConnectionEndpoint& endpoint,
                                 const timespec& deadline);
+  // True, after one log line, when a connect or move arrived on a TCP connection that has ended.
+  bool requestOnEndedConnection(const SingleTCPConnectionEndpoint& connection, const char* request);
+  // True, after one log line, when a data or disconnect message names an id that is pending.
+  bool messageForPendingId(const SingleTCPConnectionEndpoint& connection, unsigned connectionId,
+                           const char* what);
   void handleVersionMessage(SingleTCPConnectionEndpoint& endpoint, unsigned short version);
   void handleDataMessage(SingleTCPConnectionEndpoint& endpoint, unsigned connectionId,
                          std::unique_ptr<InputMessage>&& message);
@@ -313,6 +321,10 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   std::map<unsigned short, ConnectionRejectedCallback> connectionRejectedCallbacks;
   bool enabled = false;
   bool destroying = false;
+  // Set by the master: it ends a connection with replacedByOtherConnection or connectionMoved only
+  // while the id lives on (for the replacement, or for the moved connection itself), so a
+  // disconnect carrying one of these back is the peer's answer to its own and ends nothing.
+  bool echoesOwnReplaceAndMove = false;
   tavrinScheduler::SimpleTimer keepAliveTimer;
   std::map<unsigned, PendingConnectionData> pendingConnections;
   std::deque<std::pair<tavrinNetwork::SimpleEndpoint, bool>> connectionEvents;

@@ -28,6 +28,32 @@ namespace {
 constexpr int kOrigin = DefaultOrigins::TCPConnector;
 }  // namespace
 
+// Frames that arrived before a TCP connection ended are still handled, so that the peer's last
+// data and disconnects keep their reasons. A request is another matter: it would create or move a
+// connection onto a TCP connection that is about to be torn down, and its answer would go nowhere.
+bool TCPConnectorBase::requestOnEndedConnection(const SingleTCPConnectionEndpoint& connection,
+                                                const char* request) {
+  if (connection.isConnected()) return false;
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
+                     "Ignoring %s message from TCP endpoint %s: the TCP connection has ended",
+                     request, text(peerOf(connection)).c_str());
+  return true;
+}
+
+// An id that is pending here may still be in use by an earlier connection under the same id, whose
+// closing exchange with the peer is under way: what the peer sends for that one arrives before
+// the answer to the request and concerns a connection that is over. Answering it with
+// connectionNotFound would make the peer end the connection that the request is about to create.
+bool TCPConnectorBase::messageForPendingId(const SingleTCPConnectionEndpoint& connection,
+                                           unsigned connectionId, const char* what) {
+  if (!pendingConnections.count(connectionId)) return false;
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Debug,
+                     "Ignoring %s for pending connection %u from TCP endpoint %s: it concerns an "
+                     "earlier connection under this id",
+                     what, connectionId, text(peerOf(connection)).c_str());
+  return true;
+}
+
 tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
     SingleTCPConnectionEndpoint& connection, const timespec& deadline) {
   if (connection.getReceiveQueueSize() == 0) return Finished;
@@ -58,12 +84,14 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
         handleVersionMessage(connection, static_cast<unsigned short>(info & 0xFFFFu));
         break;
       case TavrinConnectorMessageType::connect:
+        if (requestOnEndedConnection(connection, "connect")) break;
         extractAndHandleConnectMessage(connection, info, *message);
         break;
       case TavrinConnectorMessageType::data:
         handleDataMessage(connection, info, std::move(message));
         break;
       case TavrinConnectorMessageType::moveConnection:
+        if (requestOnEndedConnection(connection, "move connection")) break;
         extractAndHandleMoveMessage(connection, info, *message);
         break;
       case TavrinConnectorMessageType::disconnect:
@@ -120,6 +148,7 @@ void TCPConnectorBase::handleDataMessage(SingleTCPConnectionEndpoint& connection
       found->second->receive(std::move(message));
       return;
     }
+    if (messageForPendingId(connection, connectionId, "data")) return;
     TAVRIN_LOG_LIMITED(
         peerLogLimiter, logging, kOrigin, SeverityLevel::Service,
         "No active connection with connection Id %u (local TCP endpoint %s), cleaning up "
@@ -148,6 +177,16 @@ void TCPConnectorBase::handleDisconnectMessage(SingleTCPConnectionEndpoint& conn
     return;
   }
   if (connection.hasLogicalConnection(connectionId)) {
+    if (echoesOwnReplaceAndMove && (reason == DisconnectReason::replacedByOtherConnection ||
+                                    reason == DisconnectReason::connectionMoved)) {
+      // The id now names the replacement or the moved connection on this TCP connection.
+      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Debug,
+                         "Ignoring disconnect message from TCP endpoint %s for connection %u, "
+                         "reason: %s (%d): the answer to our own",
+                         text(peer).c_str(), connectionId, reasonText(reason), reason);
+      return;
+    }
+    if (messageForPendingId(connection, connectionId, "disconnect message")) return;
     auto found = activeConnections.find(connectionId);
     if (found != activeConnections.end()) {
       TAVRIN_LOG_LIMITED(

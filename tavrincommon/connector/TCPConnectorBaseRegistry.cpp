@@ -150,6 +150,17 @@ unsigned TCPConnectorBase::getFreeConnectionId(unsigned first, unsigned last) co
   return id;
 }
 
+unsigned TCPConnectorBase::getNextFreeConnectionId(unsigned first, unsigned last,
+                                                   unsigned& lastGiven) const {
+  // Offsets from `first` in unsigned arithmetic also place ranges that wrap past 0xFFFFFFFF.
+  const bool inRange = lastGiven - first <= last - first;
+  const unsigned start = inRange && lastGiven != last ? lastGiven + 1 : first;
+  unsigned id = getFreeConnectionId(start, last);
+  if (id == kInvalidConnectionId && start != first) id = getFreeConnectionId(first, start - 1);
+  if (id != kInvalidConnectionId) lastGiven = id;
+  return id;
+}
+
 // ---- pending connections ----
 
 void TCPConnectorBase::addPendingConnection(unsigned connectionId, const SimpleEndpoint& endpoint,

@@ -54,7 +54,9 @@ TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
       createServerSocket(std::move(createServerSocket_)),
       acceptClient(std::move(acceptClient_)),
       acceptPauseTimer(
-          scheduler_, kAcceptPauseMs, [this] { resumeAccepting(); }, kOrigin) {}
+          scheduler_, kAcceptPauseMs, [this] { resumeAccepting(); }, kOrigin) {
+  echoesOwnReplaceAndMove = true;
+}
 
 TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
                                        tavrinLog::TavrinLogging* logging_)
@@ -139,7 +141,8 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
       reject(DisconnectReason::notAllowed, kInvalidConnectionId);
       return;
     }
-    connectionId = getFreeConnectionId(range->second.first, range->second.second);
+    connectionId =
+        getNextFreeConnectionId(range->second.first, range->second.second, lastAutomaticIds[type]);
     if (connectionId == kInvalidConnectionId) {
       TAVRIN_LOG_LIMITED(
           peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
@@ -219,22 +222,51 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
   if (existing != activeConnections.end()) {
     std::unique_ptr<ConnectionHandlerBase> old = std::move(existing->second);
     activeConnections.erase(existing);
-    if (old && old->isConnected()) {
-      TAVRIN_LOG_LIMITED(
-          peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
-          "Replacing existing connection %u (type %u) on TCP endpoint %s (remote connection "
-          "id: %u, remote device id: %u) with new connection to TCP endpoint %s (remote "
-          "connection id: %u, remote device id: %u)",
-          connectionId, typeNumber, text(old->getRemoteEndpoint()).c_str(),
-          old->getRemoteConnectionId(), old->getRemoteDeviceId(), text(peer).c_str(),
-          remoteConnectionId, remoteDeviceId);
+    replaceConnection(std::move(old), connection, remoteConnectionId, remoteDeviceId);
+    // The old handler's code has run: it may have ended the TCP connection of the request.
+    if (getTCPConnection(peer) != &connection || !connection.isConnected()) {
+      TAVRIN_LOG(logging, kOrigin, SeverityLevel::Error,
+                 "Cannot create connection %u (type %u, remote connection id: %u) on TCP "
+                 "endpoint %s (device id: %u): the TCP connection ended meanwhile!",
+                 connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
+      return;
     }
-    disconnect(std::move(old), DisconnectReason::replacedByOtherConnection);
   }
   sendConnectionAcceptMessage(connection, clusterId, remoteConnectionId, connectionId, type,
                               version);
   finalizeConnection(std::move(created), connectionId, automatic, remoteConnectionId,
                      remoteDeviceId, clusterId, connection, true, nullptr);
+}
+
+void TCPConnectorMaster::replaceConnection(std::unique_ptr<ConnectionHandlerBase>&& old,
+                                           SingleTCPConnectionEndpoint& connection,
+                                           unsigned remoteConnectionId, unsigned remoteDeviceId) {
+  if (!old || !old->isConnected() || getTCPConnection(old->getRemoteEndpoint()) != &connection) {
+    if (old && old->isConnected())
+      logReplacing(*old, connection, remoteConnectionId, remoteDeviceId);
+    disconnect(std::move(old), DisconnectReason::replacedByOtherConnection);
+    return;
+  }
+  logReplacing(*old, connection, remoteConnectionId, remoteDeviceId);
+  // On the TCP connection of the request the id passes straight to the new connection: removing
+  // it would close the TCP connection under the request when it was its only one.
+  sendDisconnectMessage(connection, DisconnectReason::replacedByOtherConnection,
+                        old->getRemoteConnectionId());
+  old->disconnected(DisconnectReason::replacedByOtherConnection, false);
+  queueHandlerForDestruction(std::move(old));
+}
+
+void TCPConnectorMaster::logReplacing(const ConnectionHandlerBase& old,
+                                      const SingleTCPConnectionEndpoint& connection,
+                                      unsigned remoteConnectionId, unsigned remoteDeviceId) {
+  TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Info,
+                     "Replacing existing connection %u (type %u) on TCP endpoint %s (remote "
+                     "connection id: %u, remote device id: %u) with new connection to TCP "
+                     "endpoint %s (remote connection id: %u, remote device id: %u)",
+                     old.getConnectionId(), unsigned{old.getType()},
+                     text(old.getRemoteEndpoint()).c_str(), old.getRemoteConnectionId(),
+                     old.getRemoteDeviceId(), text(peerOf(connection)).c_str(), remoteConnectionId,
+                     remoteDeviceId);
 }
 
 void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connection,
@@ -321,8 +353,11 @@ void TCPConnectorMaster::finalizeMoveConnection(ConnectionHandlerBase& handler,
   bool last = true;
   const SimpleEndpoint oldPeer = handler.getRemoteEndpoint();
   SingleTCPConnectionEndpoint* oldConnection = getTCPConnection(oldPeer);
+  // A move onto the TCP connection the connection already uses only changes the peer's id: the
+  // TCP connection keeps carrying it.
+  const bool sameConnection = oldConnection == &newConnection;
   if (oldConnection) {
-    last = oldConnection->removeLogicalConnection(connectionId);
+    last = !sameConnection && oldConnection->removeLogicalConnection(connectionId);
     sendDisconnectMessage(*oldConnection, DisconnectReason::connectionMoved,
                           handler.getRemoteConnectionId());
     TAVRIN_LOG_LIMITED(
@@ -332,8 +367,7 @@ void TCPConnectorMaster::finalizeMoveConnection(ConnectionHandlerBase& handler,
         connectionId, unsigned{handler.getType()}, unsigned{handler.getVersion()},
         text(oldPeer).c_str(), yesNo(last), handler.getRemoteConnectionId(),
         handler.getRemoteDeviceId());
-    // Unless the connection stays on the same TCP connection, which must not be closed under it.
-    if (last && oldConnection != &newConnection) closeTCPConnection(*oldConnection);
+    if (last) closeTCPConnection(*oldConnection);
   }
   sendConnectionAcceptMessage(newConnection, clusterId, remoteConnectionId, connectionId,
                               handler.getType(), handler.getVersion());

@@ -98,6 +98,12 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
   tavrinScheduler::IOWatchItem::Result serverSocketCallback(int events);
   void resumeAccepting();
   size_t tcpConnectionsFrom(tavrinNetwork::SimpleIp address) const;
+  // Ends the connection that a connect for its id replaces, arriving on `connection`.
+  void replaceConnection(std::unique_ptr<ConnectionHandlerBase>&& old,
+                         SingleTCPConnectionEndpoint& connection, unsigned remoteConnectionId,
+                         unsigned remoteDeviceId);
+  void logReplacing(const ConnectionHandlerBase& old, const SingleTCPConnectionEndpoint& connection,
+                    unsigned remoteConnectionId, unsigned remoteDeviceId);
   void finalizeMoveConnection(ConnectionHandlerBase& handler, unsigned connectionId,
                               unsigned remoteConnectionId, unsigned remoteDeviceId,
                               SingleTCPConnectionEndpoint& connection);
@@ -115,6 +121,9 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
   unsigned acceptPauses = 0;
   std::map<unsigned, unsigned short> allowedConnections;
   std::map<unsigned short, std::pair<unsigned, unsigned>> automaticConnections;
+  // Per type, the automatic id handed out last: ids go round the range, so that an id comes back
+  // only after the others, long after the peer has heard the end of its previous connection.
+  std::map<unsigned short, unsigned> lastAutomaticIds;
 };
 
 }  // namespace tavrinConnector

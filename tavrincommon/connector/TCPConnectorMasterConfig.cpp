@@ -33,8 +33,9 @@ void TCPConnectorMaster::addAllowedConnection(unsigned connectionId, unsigned sh
   auto found = allowedConnections.find(connectionId);
   if (found != allowedConnections.end()) {
     if (found->second == type) return;
-    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Replacing allowed connection %u type %u -> %u",
-               connectionId, unsigned{found->second}, unsigned{type});
+    TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
+               "Replacing allowed connection %u type %u -> %u", connectionId,
+               unsigned{found->second}, unsigned{type});
     disconnect(connectionId, DisconnectReason::allowedConnectionRemoved);
   }
   allowedConnections[connectionId] = type;
@@ -104,6 +105,7 @@ void TCPConnectorMaster::removeAutomaticConnection(unsigned short type, bool dis
   if (found == automaticConnections.end()) return;
   const std::pair<unsigned, unsigned> range = found->second;
   automaticConnections.erase(found);
+  lastAutomaticIds.erase(type);
   if (disconnectExisting) disconnectType(type, true, DisconnectReason::automaticConnectionRemoved);
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
              "Removed automatic connection type %u (minId %u, maxId %u)", unsigned{type},
@@ -112,6 +114,7 @@ void TCPConnectorMaster::removeAutomaticConnection(unsigned short type, bool dis
 
 void TCPConnectorMaster::clearAutomaticConnections(bool disconnectExisting) {
   automaticConnections.clear();
+  lastAutomaticIds.clear();
   if (disconnectExisting) disconnectAllAutomatic(DisconnectReason::automaticConnectionRemoved);
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Cleared all automatic connections");
 }

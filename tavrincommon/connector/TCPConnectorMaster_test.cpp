@@ -213,6 +213,18 @@ TEST_F(TCPConnectorMasterTest, RejectsAreLaidOutFieldByField) {
   EXPECT_EQ(master.getActiveConnectionCount(), 0u);
 }
 
+TEST_F(TCPConnectorMasterTest, ConnectAndMoveOfAnEndedTCPConnectionAreNotHandled) {
+  master.addAllowedConnection(13, 5);
+  send(frame(3, 8, connectPayload(12, 5, 77, 1, {1})) +
+       frame(5, 8, connectPayload(13, 5, 78, 1, {1})));
+  peer.reset();  // gone before the master has read a byte
+  ASSERT_TRUE(
+      tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }));
+  EXPECT_EQ(record->count("connected"), 0u);
+  EXPECT_EQ(log.count("message from TCP endpoint 127.0.0.1:"), 2u) << log.text();
+  EXPECT_TRUE(log.contains("Ignoring move connection message from TCP endpoint"));
+}
+
 TEST_F(TCPConnectorMasterTest, ConfigurationIsCheckedAndDumped) {
   master.addAllowedConnection(0, 5);
   EXPECT_TRUE(log.contains("Failed to add allowed connection 0 (type 5): Invalid connection id!"));

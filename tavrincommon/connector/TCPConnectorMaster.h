@@ -4,6 +4,7 @@
 // socket, besides what the connector base owns. Loop thread only; nothing is locked.
 #pragma once
 
+#include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/connector/TCPConnectorBase.h"
 #include "tavrincommon/connector/TCPConnectorMasterInterface.h"
 #include "tavrincommon/scheduler/IOWatchItem.h"
@@ -111,6 +112,8 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
  private:
   ServerSocketFactory createServerSocket;
   AcceptFactory acceptClient;
+  // Tells the server socket's callback whether the accept factory destroyed the master.
+  tavrinCommon::LivenessToken liveness;
   unsigned clusterId = 0xFFFFFFFFu;
   unsigned short port = 0;
   bool overwriteExisting = false;

@@ -91,9 +91,13 @@ size_t TCPConnectorMaster::tcpConnectionsFrom(tavrinNetwork::SimpleIp address) c
 IOWatchItem::Result TCPConnectorMaster::serverSocketCallback(int /*events*/) {
   if (!serverSocket) return IOWatchItem::Removed;
   SimpleEndpoint peer;
+  tavrinCommon::LivenessToken::Watch alive(liveness);
   std::unique_ptr<TCPSocketInterface> client =
       acceptClient ? acceptClient(serverSocket.get(), peer) : nullptr;
   const int error = errno;
+  // The factory is the application's: it may have destroyed or disabled the master. The client it
+  // made, if any, is closed when it goes.
+  if (!alive || !serverSocket) return IOWatchItem::Removed;
   const SimpleEndpoint server = serverSocket->getBoundEndpoint();
   if (!client && outOfResources(error)) {
     // Watching on would call us on every turn with nothing we can do: listen again later.

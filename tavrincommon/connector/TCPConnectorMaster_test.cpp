@@ -1,6 +1,7 @@
 #include "tavrincommon/connector/TCPConnectorMaster.h"
 
 #include "tavrincommon/connector/DisconnectReason.h"
+#include "tavrincommon/network/TCPSocketHelper.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 #include "tavrincommon/testing/ConnectorFrames.h"
 #include "tavrincommon/testing/FakeTCPSocket.h"
@@ -325,6 +326,35 @@ TEST_F(TCPConnectorMasterTest, DestructionEndsConnectionsWhileTheMasterIsWholeAn
   // The fixture's master and the doomed one opened a server socket; nothing reopened it.
   EXPECT_EQ(log.count("Successfully created server socket"), 2u);
   EXPECT_EQ(log.count("TCPConnector Panel Master 4 is being destroyed"), 3u) << log.text();
+}
+
+// The accept factory is the application's: it may disable or destroy the master while the master
+// waits for the client it makes.
+TEST_F(TCPConnectorMasterTest, AcceptFactoryMayDisableOrDestroyTheMaster) {
+  for (const bool destroy : {false, true}) {
+    std::unique_ptr<TCPConnectorMaster> doomed;
+    doomed = std::make_unique<TCPConnectorMaster>(
+        &scheduler,
+        [this](const SimpleEndpoint& at, bool mptcp) {
+          return tavrinNetwork::TCPSocketHelper::createListenSocket(at, mptcp, log.logging());
+        },
+        [&](tavrinNetwork::TCPSocketInterface* server, SimpleEndpoint& from) {
+          auto client = tavrinNetwork::TCPSocketHelper::acceptClient(server, from, log.logging());
+          if (destroy) {
+            doomed.reset();
+          } else {
+            doomed->setEnabled(false);
+          }
+          return client;
+        },
+        log.logging());
+    doomed->init(4, 1, ConnectorInterfaceType::PanelMaster, 8, SimpleIp("127.0.0.1"), 0, false,
+                 false, ConnectionTimeout{}, false);
+    doomed->setEnabled(true);
+    tavrinTesting::RawPeer slave(doomed->getListeningEndpoint().getPort());
+    ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return slave.closedByOtherSide(); }));
+    EXPECT_EQ(doomed == nullptr, destroy);
+  }
 }
 
 TEST_F(TCPConnectorMasterTest, FrameSizeBoundAppliesToAcceptedConnections) {

@@ -4,6 +4,7 @@
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -11,6 +12,7 @@
 #include <ifaddrs.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -31,6 +33,29 @@ SimpleIp addressOf(const sockaddr* address) {
   return SimpleIp(static_cast<uint32_t>(ipv4.sin_addr.s_addr));
 }
 
+// The index and name of the interface that a removal notification (its payload after the
+// netlink header, possibly cut) reports; false when it is not an interface's removal.
+bool removedInterface(const char* payload, size_t length, int& index, std::string& name) {
+  ifinfomsg info;
+  if (length < sizeof info) return false;
+  std::memcpy(&info, payload, sizeof info);
+  // A bridge reports a port that leaves it as a removal of family AF_BRIDGE; the port stays.
+  if (info.ifi_family != AF_UNSPEC) return false;
+  index = info.ifi_index;
+  for (size_t at = NLMSG_ALIGN(sizeof info); at + sizeof(rtattr) <= length;) {
+    rtattr attribute;
+    std::memcpy(&attribute, payload + at, sizeof attribute);
+    if (attribute.rta_len < sizeof attribute || at + attribute.rta_len > length) break;
+    if (attribute.rta_type == IFLA_IFNAME) {
+      const char* text = payload + at + RTA_LENGTH(0);
+      name.assign(text, strnlen(text, attribute.rta_len - RTA_LENGTH(0)));
+      break;
+    }
+    at += RTA_ALIGN(attribute.rta_len);
+  }
+  return true;
+}
+
 }  // namespace
 
 LocalIPAddressWatcher::LocalIPAddressWatcher(tavrinScheduler::Scheduler* scheduler_,
@@ -47,10 +72,11 @@ void LocalIPAddressWatcher::setIpChangedCallback(IpChangedCallback callback) {
 }
 
 bool LocalIPAddressWatcher::start(const std::vector<std::string>& interfaceNames) {
-  for (const auto& name : interfaceNames) interfaces.push_back({name, NO_IP, NO_IP});
+  for (const auto& name : interfaceNames) interfaces.push_back({name, NO_IP, NO_IP, 0, false});
   // A start without stop reopens the socket: the registration of the old descriptor must go.
   if (scheduler && ioHandle) scheduler->removeIOItem(ioHandle);
-  if (!netlink.open(NETLINK_ROUTE, RTMGRP_IPV4_IFADDR)) {
+  // Links too: taking an interface down or removing it leaves its addresses unreported.
+  if (!netlink.open(NETLINK_ROUTE, RTMGRP_IPV4_IFADDR | RTMGRP_LINK)) {
     const int error = errno;
     TAVRIN_LOG(logging, DefaultOrigins::NetworkService, SeverityLevel::Error,
                "Could not open netlink socket: %s (%d)", std::strerror(error), error);
@@ -92,11 +118,45 @@ const SimpleIp& LocalIPAddressWatcher::getMask(int index) const {
 }
 
 tavrinScheduler::IOWatchItem::Result LocalIPAddressWatcher::netlinkEvent(int) {
-  if (!netlink.receive()) return tavrinScheduler::IOWatchItem::Unchanged;
-  while (netlink.receive()) {
+  bool notified = false;
+  for (;;) {
+    const int length = netlink.receive(receiveBuffer, static_cast<int>(sizeof receiveBuffer));
+    if (length >= 0) {
+      notified = true;
+      noteRemovedInterfaces(receiveBuffer, length);
+    } else if (errno == ENOBUFS) {
+      // The kernel's queue overflowed and notifications were lost: something changed all the
+      // same, and a lost removal still shows as another interface index.
+      notified = true;
+    } else {
+      break;
+    }
   }
-  resolveAllInterfaces();
+  if (notified) resolveAllInterfaces();
   return tavrinScheduler::IOWatchItem::Unchanged;
+}
+
+void LocalIPAddressWatcher::noteRemovedInterfaces(const char* messages, int length) {
+  const size_t total = static_cast<size_t>(length);
+  size_t offset = 0;
+  while (offset + sizeof(nlmsghdr) <= total) {
+    nlmsghdr header;
+    std::memcpy(&header, messages + offset, sizeof header);
+    if (header.nlmsg_len < sizeof header) break;
+    int index = 0;
+    std::string name;
+    const size_t end = std::min(total, offset + header.nlmsg_len);
+    if (header.nlmsg_type == RTM_DELLINK &&
+        removedInterface(messages + offset + NLMSG_HDRLEN, end - offset - NLMSG_HDRLEN, index,
+                         name)) {
+      for (auto& iface : interfaces) {
+        if (iface.name == name ||
+            (iface.ifIndex != 0 && iface.ifIndex == static_cast<unsigned>(index)))
+          iface.removed = true;
+      }
+    }
+    offset += NLMSG_ALIGN(header.nlmsg_len);
+  }
 }
 
 void LocalIPAddressWatcher::resolveAllInterfaces() {
@@ -126,19 +186,28 @@ bool LocalIPAddressWatcher::resolveIP(SingleInterface& iface) {
       TAVRIN_LOG(logging, DefaultOrigins::NetworkService, SeverityLevel::Debug, "ip if: %s -> %s",
                  entry->ifa_name, SimpleIp::CharString(address).c_str());
       if (entry->ifa_name && iface.name == entry->ifa_name) {
-        ip = address;
-        mask = addressOf(entry->ifa_netmask);
+        // A down interface keeps its addresses configured, but nothing can use them.
+        if ((entry->ifa_flags & IFF_UP) != 0) {
+          ip = address;
+          mask = addressOf(entry->ifa_netmask);
+        }
         break;
       }
     }
     freeifaddrs(list);
   }
-  if (ip == iface.ip && mask == iface.mask) return false;
+  const unsigned index = if_nametoindex(iface.name.c_str());
+  const bool recreated =
+      ip != NO_IP && (iface.removed || (iface.ifIndex != 0 && index != iface.ifIndex));
+  iface.removed = false;
+  iface.ifIndex = index;
+  if (ip == iface.ip && mask == iface.mask && !recreated) return false;
   iface.ip = ip;
   iface.mask = mask;
   TAVRIN_LOG(logging, DefaultOrigins::NetworkService, SeverityLevel::Debug,
-             "resolveIP IF '%s': %s (netmask %s)", iface.name.c_str(),
-             SimpleIp::CharString(ip).c_str(), SimpleIp::CharString(mask).c_str());
+             "resolveIP IF '%s': %s (netmask %s)%s", iface.name.c_str(),
+             SimpleIp::CharString(ip).c_str(), SimpleIp::CharString(mask).c_str(),
+             recreated ? ", interface re-created" : "");
   return true;
 }
 

@@ -47,4 +47,8 @@ bool NetlinkSocket::receive() {
   return ::recv(fd, scratch, sizeof scratch, 0) >= 0;
 }
 
+int NetlinkSocket::receive(void* buffer, int length) {
+  return static_cast<int>(::recv(fd, buffer, static_cast<size_t>(length), 0));
+}
+
 }  // namespace tavrinNetwork

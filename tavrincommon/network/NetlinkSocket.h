@@ -1,6 +1,6 @@
-// A netlink socket used only as a change signal: it is bound to multicast groups of the kernel and
-// read to empty it, the content never looked at. Owns its descriptor. Used from the event-loop
-// thread.
+// A netlink socket bound to multicast groups of the kernel, read as a change signal (receive())
+// or for the messages themselves (receive(buffer, length)). Owns its descriptor. Used from the
+// event-loop thread.
 #pragma once
 
 namespace tavrinNetwork {
@@ -19,6 +19,9 @@ class NetlinkSocket {
   bool setNonblock();
   // Reads and discards one message; false when nothing could be read (EAGAIN included).
   bool receive();
+  // Reads one datagram into `buffer`, cut to `length` bytes: the bytes copied, or -1 with errno
+  // (EAGAIN: nothing pending; ENOBUFS: the kernel dropped messages that did not fit its queue).
+  int receive(void* buffer, int length);
   bool valid() const { return fd >= 0; }
   int getFd() const { return fd; }
 

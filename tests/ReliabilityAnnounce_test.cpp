@@ -1,15 +1,18 @@
 // One host floods an announce slave on real multicast over lo: large valid announce datagrams,
 // each from a socket of its own and so from a source port of its own, while a genuine master
 // keeps announcing on the same group. The sockets are bound to 127.0.0.1 with TTL 0, so nothing
-// leaves the machine.
+// leaves the machine. And an announce master and slave follow an interface that goes down, away
+// and comes back, in a network namespace of the test's own.
 #include "tavrincommon/connector/MCAnnounceData.h"
 #include "tavrincommon/connector/MCAnnounceMaster.h"
 #include "tavrincommon/connector/MCAnnounceSlave.h"
 #include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/network/LocalIPAddressWatcher.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 #include "tavrincommon/testing/HeapUsage.h"
 #include "tavrincommon/testing/LogCapture.h"
+#include "tavrincommon/testing/OwnNetworkNamespace.h"
 #include "tavrincommon/testing/RunUntil.h"
 #include "tavrincommon/testing/Sockets.h"
 
@@ -20,6 +23,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -130,6 +134,63 @@ TEST_F(ReliabilityAnnounceTest, FloodFromManyPortsStaysWithinTheBoundsAndTheGenu
   // The data bound, one datagram's data unpacked aside and the queue's few entries.
   const double grownMiB = (static_cast<double>(after) - static_cast<double>(before)) / (1 << 20);
   EXPECT_LT(grownMiB, 3.0) << "in " << std::chrono::duration<double>(took).count() << " s";
+}
+
+// Both on v0 of a veth pair in the test's namespace, the master bound to v0's address, TTL 0 and
+// multicast loop on: the slave hears the master through the loop.
+TEST_F(ReliabilityAnnounceTest, MasterAndSlaveFollowTheirInterfaceDownAndReCreated) {
+  if (!tavrinTesting::inOwnNetworkNamespace()) return;
+  const std::string addV0 =
+      "ip link add v0 type veth peer name v1 && ip link set v0 up && ip link set v1 up && "
+      "ip addr add 192.0.2.1/24 dev v0";
+  if (!tavrinTesting::runCommand(addV0)) {
+    const char* reason = "cannot create a veth pair in the test's network namespace; skipped";
+    tavrinTesting::reportSkipToOuterRun(reason);
+    GTEST_SKIP() << reason;
+  }
+  const SimpleIp own("192.0.2.1");
+  MCAnnounceMaster master(&scheduler, log.logging());
+  MCAnnounceSlave slave(&scheduler, log.logging());
+  tavrinNetwork::LocalIPAddressWatcher watcher(&scheduler, log.logging());
+  std::vector<ErrorType::Type> errors;
+  const auto error = [&](ErrorType::Type type, const std::string&) { errors.push_back(type); };
+  master.setErrorCallback(error);
+  slave.setCallbacks({}, error);
+  master.init(1, 2, "panel", kGroup, kPort, own, 0, "v0", true);
+  master.setMulticastTtl(0);
+  slave.init(1, kGroup, kPort, "v0");
+  slave.addSupportedConnector(0, ConnectorInterfaceType::Client);
+  int reports = 0;
+  watcher.setIpChangedCallback([&](int, const SimpleIp& ip, const SimpleIp&) {
+    ++reports;
+    master.interfaceChanged(ip);
+    slave.interfaceChanged(ip);
+  });
+  ASSERT_TRUE(watcher.start({"v0"}));
+  master.setEnabled(true);
+  slave.setEnabled(true);
+  master.addConnector(3, ConnectorInterfaceType::Client, 0, 4, SimpleEndpoint(own, 7000));
+  const auto heard = [&](unsigned id) {
+    master.addAnnouncement(3, id, 5, "", true);
+    return runUntil(scheduler, [&] { return slave.getSingleAnnouncement(4, id, 5) != nullptr; });
+  };
+  const auto reported = [&](int count) {
+    return runUntil(scheduler, [&] { return reports == count; });
+  };
+  ASSERT_TRUE(heard(7)) << log.text();
+
+  ASSERT_TRUE(tavrinTesting::runCommand("ip link set v0 down"));
+  ASSERT_TRUE(reported(1));
+  EXPECT_TRUE(master.isPaused() && slave.isPaused());
+  ASSERT_TRUE(tavrinTesting::runCommand("ip link set v0 up"));
+  ASSERT_TRUE(reported(2));
+  ASSERT_TRUE(heard(8)) << log.text();
+
+  // Removed and added again with the same address, before the loop looks.
+  ASSERT_TRUE(tavrinTesting::runCommand("ip link del v0 && " + addV0));
+  ASSERT_TRUE(reported(3));
+  ASSERT_TRUE(heard(9)) << log.text();
+  EXPECT_TRUE(errors.empty()) << log.text();
 }
 
 }  // namespace

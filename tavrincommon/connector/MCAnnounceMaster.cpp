@@ -124,6 +124,23 @@ void MCAnnounceMaster::setMulticastGroup(SimpleIp address, unsigned short port) 
   if (alive) internalSetEnabled(data, true, true);
 }
 
+void MCAnnounceMaster::interfaceChanged(SimpleIp address) {
+  if (!enabled) return;
+  paused = !address.isValid();
+  ANNOUNCE_LOG(
+      Service, "Interface '%s' %s", interface.c_str(),
+      paused ? "has no address: announcements paused" : "changed: announce socket reopened");
+  socket.reset();
+  sendTimer.stop();
+  if (paused) return;
+  if (!initSendSocket()) {
+    ANNOUNCE_LOG(Error, "Failed to initialize multicast socket, disabling!");
+    setGeneralError(ErrorType::initializationFailed, "Failed to initialize multicast socket!");
+    return;
+  }
+  scheduler->addWorker(this);
+}
+
 void MCAnnounceMaster::addConnector(unsigned connectorId, ConnectorInterfaceType::Type type,
                                     unsigned short version, unsigned clusterId,
                                     const SimpleEndpoint& endpoint) {
@@ -173,7 +190,8 @@ tavrinScheduler::Worker::Result MCAnnounceMaster::work() {
 }
 
 bool MCAnnounceMaster::sendAnnounceDataIfNeeded(const MCAnnounceData& d) {
-  if (!enabled) return true;
+  // A paused master keeps `modified` and `emptyAnnouncementSent` for when it resumes.
+  if (!enabled || paused) return true;
   if (d.announcementsPresent()) {
     if (!sendAnnounceDataAndScheduleNextSend(d)) return false;
     emptyAnnouncementSent = false;
@@ -238,6 +256,7 @@ void MCAnnounceMaster::internalSetEnabled(MCAnnounceData& d, bool enable, bool s
   modified = false;
   emptyAnnouncementSent = true;
   enabled = enable;
+  paused = false;
   if (!enable) return;
   if (!initSendSocket()) {
     ANNOUNCE_LOG(Error, "Failed to initialize multicast socket, disabling!");
@@ -283,6 +302,7 @@ void MCAnnounceMaster::dump(std::ostream& out, const char* prefix) const {
   out << prefix << "  Interface: '" << interface << "'\n";
   out << prefix << "  MC group: " << SimpleEndpoint::CharString(multicastGroup).c_str() << "\n";
   out << prefix << "  Enabled: " << yesNo(enabled) << "\n";
+  if (paused) out << prefix << "  Paused: interface without address\n";
   out << prefix << "  DSCP: " << dscp << "\n";
   out << prefix << "  MC TTL: " << ttl << "\n";
   out << prefix << "  modified: " << yesNo(modified) << "\n";

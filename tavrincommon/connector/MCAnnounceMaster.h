@@ -58,6 +58,16 @@ class MCAnnounceMaster : public MCAnnounceMasterInterface, public tavrinSchedule
   void setBindIp(tavrinNetwork::SimpleIp bindIp_);
   // Withdraws the announcements from the old group and ends enabled, with emptied data.
   void setMulticastGroup(tavrinNetwork::SimpleIp address, unsigned short port);
+  // Follows the interface the master announces on, for one that can go away and come back (a
+  // USB adapter, a bridge re-created): call it from a LocalIPAddressWatcher's callback with that
+  // interface's address. NO_IP (gone or down): the socket is closed and the master pauses, still
+  // enabled with its data, taking edits and sending nothing, without an error. An address: the
+  // socket is opened anew (one bound to a removed interface fails every send, even when the
+  // interface is back under its name) and the data goes out at once, change count unchanged
+  // unless edits were made meanwhile; a failure to open is reported as by setEnabled(true).
+  // Nothing while disabled. The address is not taken as bind address: a master bound to an
+  // address that changed needs setBindIp (which empties the data).
+  void interfaceChanged(tavrinNetwork::SimpleIp address);
 
   void addConnector(unsigned connectorId, ConnectorInterfaceType::Type type,
                     unsigned short version, unsigned clusterId,
@@ -83,6 +93,8 @@ class MCAnnounceMaster : public MCAnnounceMasterInterface, public tavrinSchedule
   Result work() override;
 
   bool isEnabled() const { return enabled; }
+  // Enabled, but waiting for its interface to have an address again (interfaceChanged).
+  bool isPaused() const { return paused; }
   uint32_t getChangeCount() const { return changeCount; }
   const MCAnnounceData& getData() const { return data; }
   const tavrinNetwork::SimpleEndpoint& getMulticastGroup() const { return multicastGroup; }
@@ -110,6 +122,7 @@ class MCAnnounceMaster : public MCAnnounceMasterInterface, public tavrinSchedule
   tavrinNetwork::SimpleEndpoint multicastGroup;
   bool multicastLoop = false;
   bool enabled = false;
+  bool paused = false;
   int dscp = 0;
   int ttl = 1;
   std::unique_ptr<tavrinNetwork::MulticastSocketInterface> socket;

@@ -298,6 +298,39 @@ TEST_F(MCAnnounceMasterTest, GroupAndBindAddressChangesRestartTheSocket) {
   EXPECT_EQ(log.count("Service: Changed multicast TTL value to 0 (old value: 1)"), 1u);
 }
 
+TEST_F(MCAnnounceMasterTest, InterfaceWithoutAddressPausesAndAnAddressReopensAndSendsAtOnce) {
+  make(50);
+  announce();
+  turn();
+  ASSERT_EQ(sent().size(), 1u);
+  master->interfaceChanged(SimpleIp(SimpleIp::kNoIp));
+  EXPECT_TRUE(master->isPaused());
+  master->setAnnouncementName(3, 7, 5, "y");
+  runFor(scheduler, 150ms);  // three send intervals
+  EXPECT_EQ(sent().size(), 1u);
+  EXPECT_TRUE(errors.empty());
+  EXPECT_EQ(created, 1);
+
+  master->interfaceChanged(SimpleIp("127.0.0.1"));
+  EXPECT_EQ(created, 2);
+  turn();
+  ASSERT_EQ(sent().size(), 2u);
+  EXPECT_EQ(changeCountOf(sent()[1].bytes), 2u);  // the edit made while paused
+  // The same address again (a re-created interface): reopened, the same data at once.
+  master->interfaceChanged(SimpleIp("127.0.0.1"));
+  turn();
+  ASSERT_EQ(sent().size(), 3u);
+  EXPECT_EQ(changeCountOf(sent()[2].bytes), 2u);
+
+  openResult = false;
+  master->interfaceChanged(SimpleIp("127.0.0.1"));
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0].first, ErrorType::initializationFailed);
+  EXPECT_FALSE(master->isEnabled());
+  master->interfaceChanged(SimpleIp("127.0.0.1"));
+  EXPECT_EQ(created, 4);
+}
+
 TEST_F(MCAnnounceMasterTest, DumpShowsSettingsStateAndData) {
   make(10000);
   master->setEnabled(true);

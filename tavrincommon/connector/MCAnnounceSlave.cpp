@@ -10,12 +10,7 @@
 #include "tavrincommon/network/MulticastSocket.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <ostream>
-
-#include <sys/epoll.h>
 
 namespace tavrinConnector {
 
@@ -34,17 +29,8 @@ using tavrinNetwork::SimpleIp;
 namespace {
 
 constexpr unsigned kOwnVersion = 0;
-constexpr tavrinScheduler::IOWatchItem::Result kKeepReading = EPOLLIN;
 
 const char* yesNo(bool value) { return value ? "yes" : "no"; }
-
-// A queued datagram: the message object, its storage (one spare byte, never under the smallest
-// frame) and the queue's slot.
-size_t queuedHeapBytes(unsigned length) {
-  return MCAnnounceData::allocationCost(sizeof(InputMessage)) +
-         MCAnnounceData::allocationCost(std::max(length, MessageBuffer::kMinSize) + 1) +
-         sizeof(std::unique_ptr<InputMessage>) + sizeof(SimpleEndpoint) + sizeof(size_t);
-}
 
 // A master besides its data: the entry, its node in the map, its timer's callback (which holds
 // the endpoint) and the timer's place in the scheduler's set.
@@ -109,6 +95,7 @@ void MCAnnounceSlave::init(unsigned networkId_, SimpleIp multicastIp_,
 void MCAnnounceSlave::setEnabled(bool enable) {
   if (enable == enabled) return;
   enabled = enable;
+  paused = false;
   scheduler->removeIOItem(ioHandle);
   socket.reset();
   scheduler->removeWorker(this);
@@ -118,28 +105,6 @@ void MCAnnounceSlave::setEnabled(bool enable) {
   masterDataBytes = 0;
   queuedBytes = 0;
   if (enable) initMulticastSocket();
-}
-
-void MCAnnounceSlave::initMulticastSocket() {
-  bool ok = false;
-  socket = socketFactory();
-  if (!socket) {
-    ANNOUNCE_LOG(Error, "Failed to initialize multicast socket: Failed to create socket!");
-  } else if (!socket->open(multicastIp, multicastPort, SimpleIp(0u), 0, interface, true, true,
-                           false)) {
-    ANNOUNCE_LOG(Error, "Failed to initialize multicast socket: Failed to open socket!");
-  } else {
-    tavrinScheduler::IOWatchItem item;
-    item.fd = socket->getFd();
-    item.events = EPOLLIN;
-    item.callback = [this](int events) { return socketCallback(events); };
-    ioHandle = scheduler->addIOItem(item, DefaultOrigins::MCAnnounce);
-    ok = true;
-  }
-  if (!ok) {
-    ANNOUNCE_LOG(Error, "Failed to initialize multicast socket, disabling!");
-    setGeneralError(ErrorType::initializationFailed, "Failed to initialize multicast socket!");
-  }
 }
 
 void MCAnnounceSlave::setGeneralError(ErrorType::Type type, const std::string& text) {
@@ -185,64 +150,6 @@ MCAnnounceSlave::AddedCallback MCAnnounceSlave::getUnpackAnnouncementAddedCallba
       announcementAdded(announcement);
     }
   };
-}
-
-tavrinScheduler::IOWatchItem::Result MCAnnounceSlave::socketCallback(int events) {
-  if ((events & EPOLLIN) == 0) return kKeepReading;
-  SimpleEndpoint sender;
-  std::unique_ptr<InputMessage> message;
-  if (!receivePacket(sender, message)) {
-    setGeneralError(ErrorType::socketError, "Failed to receive data, disabling!");
-    return tavrinScheduler::IOWatchItem::Removed;
-  }
-  if (!message) return kKeepReading;
-  if (message->verifyMessage()) {
-    const size_t heapBytes = queuedHeapBytes(message->buffer.getDataLength());
-    queuedBytes += heapBytes;
-    receiveQueue.push_back(Queued{sender, std::move(message), heapBytes});
-    scheduler->addWorker(this);
-  } else {
-    ANNOUNCE_PEER_LOG(Debug, "Received invalid message from %s, ignoring!",
-                      SimpleEndpoint::CharString(sender).c_str());
-  }
-  return kKeepReading;
-}
-
-bool MCAnnounceSlave::receivePacket(SimpleEndpoint& sender,
-                                    std::unique_ptr<InputMessage>& message) {
-  if (!socket || !socket->valid()) {
-    ANNOUNCE_LOG(Error, "Failed to receive data: Socket not initialized!");
-    return false;
-  }
-  const int length =
-      socket->receiveFrom(sender, receiveBuffer, static_cast<int>(kReceiveBufferSize));
-  if (length < 0) {
-    const int error = errno;
-    ANNOUNCE_LOG(Error, "Failed to receive data: %d (%s)!", error, std::strerror(error));
-    return false;
-  }
-  if (length == 0) return true;
-  // The socket reports a datagram's real length even when only the buffer's worth was copied. No
-  // master sends more than the buffer holds, so a longer datagram is not ours: it is dropped
-  // rather than cut, since a cut frame could only fail verification or be misread.
-  if (static_cast<unsigned>(length) > kReceiveBufferSize) {
-    ANNOUNCE_PEER_LOG(Debug, "Received invalid message from %s (%d bytes, max %u), ignoring!",
-                      SimpleEndpoint::CharString(sender).c_str(), length, kReceiveBufferSize);
-    return true;
-  }
-  // Checked before the copy is made, so that a flood costs no allocation.
-  if (receiveQueue.size() >= maxQueuedDatagrams ||
-      queuedBytes + queuedHeapBytes(static_cast<unsigned>(length)) > maxQueuedBytes) {
-    ++dropCounts.queueFull;
-    ANNOUNCE_PEER_LOG(Warning,
-                      "Dropping message from %s (%d bytes): receive queue full (%zu messages, %zu "
-                      "bytes)",
-                      SimpleEndpoint::CharString(sender).c_str(), length, receiveQueue.size(),
-                      queuedBytes);
-    return true;
-  }
-  message = std::make_unique<InputMessage>(receiveBuffer, static_cast<unsigned>(length), false);
-  return true;
 }
 
 tavrinScheduler::Worker::Result MCAnnounceSlave::work() {
@@ -426,7 +333,7 @@ void MCAnnounceSlave::dump(std::ostream& out, const char* prefix) const {
       << multicastPort << "\n";
   out << prefix << "  Socket: ";
   if (!socket) {
-    out << "not present\n";
+    out << (paused ? "not present (interface without address)\n" : "not present\n");
   } else if (!socket->valid()) {
     out << "invalid\n";
   } else {

@@ -102,6 +102,13 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
             const std::string& interface_);
   // Either change forgets every master, queued message and pending timeout.
   void setEnabled(bool enable);
+  // Follows the interface the slave listens on, for one that can go away and come back (a USB
+  // adapter, a bridge re-created): call it from a LocalIPAddressWatcher's callback with that
+  // interface's address. A socket joined on a removed interface hears nothing once the interface
+  // is back, and reports no error either. NO_IP (gone or down): the socket is closed and the slave
+  // pauses, still enabled; known masters stay until they time out. An address: the socket is
+  // opened anew; a failure to open is reported as by setEnabled(true). Nothing while disabled.
+  void interfaceChanged(tavrinNetwork::SimpleIp address);
 
   // Bounds apply to what arrives next; nothing held is dropped when one is lowered. The data
   // bound counts the heap of each master's entry and data (MCAnnounceData::heapBytes), not
@@ -155,6 +162,8 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   void dump(std::ostream& out, const char* prefix) const;
 
   bool isEnabled() const { return enabled; }
+  // Enabled, but waiting for its interface to have an address again (interfaceChanged).
+  bool isPaused() const { return paused; }
   size_t getReceiveQueueSize() const { return receiveQueue.size(); }
   size_t getQueuedBytes() const { return queuedBytes; }
   size_t getMasterDataBytes() const { return masterDataBytes; }
@@ -200,6 +209,7 @@ class MCAnnounceSlave : public tavrinScheduler::Worker {
   tavrinNetwork::SimpleIp multicastIp;
   unsigned short multicastPort = 0;
   bool enabled = false;
+  bool paused = false;
   std::unique_ptr<tavrinNetwork::MulticastSocketInterface> socket;
   tavrinScheduler::IOWatchHandle ioHandle;
   char receiveBuffer[kReceiveBufferSize];

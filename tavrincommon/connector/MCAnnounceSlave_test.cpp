@@ -320,6 +320,28 @@ TEST_F(MCAnnounceSlaveTest, SocketFailuresDisableAndReportAnError) {
   EXPECT_FALSE(slave->isEnabled());
 }
 
+TEST_F(MCAnnounceSlaveTest, InterfaceWithoutAddressPausesAndAnAddressReopensKeepingTheMasters) {
+  deliver(kMasterA, announceFrame(1, {{9, 1, true}}));
+  slave->interfaceChanged(SimpleIp(SimpleIp::kNoIp));
+  EXPECT_TRUE(slave->isEnabled());
+  EXPECT_TRUE(slave->isPaused());
+  EXPECT_EQ(slave->getMasters().size(), 1u);
+
+  slave->interfaceChanged(SimpleIp("127.0.0.1"));
+  EXPECT_FALSE(slave->isPaused());
+  deliver(kMasterB, announceFrame(1, {{8, 1, true}}));  // through the new socket
+  EXPECT_EQ(addedIds(), (std::vector<unsigned>{9, 8}));
+  EXPECT_TRUE(errors.empty());
+
+  openResult = false;
+  slave->interfaceChanged(SimpleIp("127.0.0.1"));
+  EXPECT_FALSE(slave->isEnabled());
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0].first, ErrorType::initializationFailed);
+  slave->interfaceChanged(SimpleIp("127.0.0.1"));
+  EXPECT_EQ(errors.size(), 1u);
+}
+
 TEST_F(MCAnnounceSlaveTest, QueriesFilterByClusterIdAndTypeInMasterOrder) {
   slave->addSupportedConnector(0, ConnectorInterfaceType::PanelMaster);
   deliver(kMasterB, announceFrame(1, {{1, 1, true}, {1, 2, true}, {2, 1, false}}));

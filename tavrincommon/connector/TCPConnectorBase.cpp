@@ -121,7 +121,18 @@ void TCPConnectorBase::setEnabled(bool enable) {
   // Handlers and TCP connections that ended above may be in the middle of their own call chain
   // (an application that disables the connector from a handler): the worker destroys them.
   if (!handlersToDestroy.empty() || !tcpConnectionsToDestroy.empty()) scheduler->addWorker(this);
+  if (enabled != enable) {
+    // A callback run by the teardown switched the connector again and did the whole job, but the
+    // rest of the teardown then stopped the keep-alive timer it had started.
+    if (enabled) startKeepAlive();
+    return;
+  }
   if (!enable) return;
+  startKeepAlive();
+  enableSpecific();
+}
+
+void TCPConnectorBase::startKeepAlive() {
   if (timing.connectionTimeout > 0) {
     // An interval below one second would flood the peers; one second still keeps them alive.
     if (timing.keepAliveInterval < 1)
@@ -133,7 +144,6 @@ void TCPConnectorBase::setEnabled(bool enable) {
                                                              : 1000);
     keepAliveTimer.start();
   }
-  enableSpecific();
 }
 
 void TCPConnectorBase::setIp(SimpleIp ip_) {

@@ -302,6 +302,8 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   void tearDown();
   // Destroys handlers and TCP connections and unregisters from the scheduler; calls back no one.
   void releaseAll();
+  // Arms the keep-alive timer when the connection timeout asks for keep-alives.
+  void startKeepAlive();
   // True, after one log line, while the connector is being destroyed.
   bool refusedWhileDestroying(const char* request) const;
 

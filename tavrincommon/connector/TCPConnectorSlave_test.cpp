@@ -105,6 +105,18 @@ TEST_F(TCPConnectorSlaveTest, GreetsANewTCPConnectionThenAsksWithItsVersionsHigh
             std::string("\xA5\x1C\x00\x00\x00\x05", 6));
 }
 
+// A rejected callback run by disabling may enable the connector again: it then stays enabled with
+// its keep-alives running.
+TEST_F(TCPConnectorSlaveTest, EnabledAgainFromACallbackOfDisablingKeepsItsKeepAlives) {
+  ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
+  slave.addConnectionRejectedCallback(
+      5, [this](const SimpleEndpoint&, unsigned, unsigned, int, unsigned, unsigned short,
+                const CustomConnectData*) { slave.setEnabled(true); });
+  slave.setEnabled(false);
+  EXPECT_TRUE(slave.isEnabled());
+  EXPECT_EQ(scheduler.getTimeoutTaskScheduler().size(), 1u);  // the keep-alive timer
+}
+
 TEST_F(TCPConnectorSlaveTest, AnAcceptCreatesTheHandlerWithTheCustomData) {
   int destroyed = 0;
   ASSERT_TRUE(slave.connectAutomatic(master, 8, 5, 7, std::make_unique<CountedTag>(&destroyed)));

@@ -70,7 +70,9 @@ std::unique_ptr<TCPSocketInterface> TCPSocketHelper::acceptClient(
     TCPSocketInterface* server, SimpleEndpoint& peer, tavrinLog::TavrinLogging* logging) {
   SimpleEndpoint address;
   socklen_t length = SimpleEndpoint::kSockAddrLength;
-  const int fd = server ? accept(server->getFd(), address.sockAddr(), &length) : -1;
+  // Close-on-exec from the start: a child spawned by another thread right after accept() would
+  // otherwise inherit the connection (and keep it open after this side closes it).
+  const int fd = server ? accept4(server->getFd(), address.sockAddr(), &length, SOCK_CLOEXEC) : -1;
   if (fd < 0) {
     const int error = server ? errno : EBADF;
     SOCKET_ERROR(logging, "Failed to accept client on server socket %s (%d (%s))!",
@@ -83,12 +85,6 @@ std::unique_ptr<TCPSocketInterface> TCPSocketHelper::acceptClient(
     return nullptr;
   }
   peer = address;
-  if (!TCPSocket::setCloexec(fd, logging)) {
-    SOCKET_ERROR(logging, "Failed to setup client socket %s (CLOEXEC), aborting connection attempt!",
-                 SimpleEndpoint::CharString(peer).c_str());
-    ::close(fd);
-    return nullptr;
-  }
   if (!TCPSocket::setNonblock(fd, logging)) {
     SOCKET_ERROR(logging, "Failed to setup client socket %s (NonBlock), aborting connection attempt!",
                  SimpleEndpoint::CharString(peer).c_str());

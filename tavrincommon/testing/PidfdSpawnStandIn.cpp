@@ -1,10 +1,13 @@
 // Test helper: pidfd_spawn and pidfd_getpid for C libraries that lack them, built on posix_spawn
 // and the pidfd_open system call. A test program that links this file with exported symbols
 // (ENABLE_EXPORTS) makes the library's run-time lookup find them, so the pidfd path of process
-// spawning runs on such systems too. Not part of the library.
+// spawning runs on such systems too. With TAVRIN_TEST_PIDFD_SPAWN_ERROR set to an error number,
+// pidfd_spawn fails with it and starts nothing, as the C library does on a kernel that lacks what
+// it needs (ENOSYS). Not part of the library.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
@@ -18,6 +21,7 @@ extern "C" {
 
 int pidfd_spawn(int* pidfd, const char* path, const posix_spawn_file_actions_t* fileActions,
                 const posix_spawnattr_t* attributes, char* const argv[], char* const envp[]) {
+  if (const char* forced = std::getenv("TAVRIN_TEST_PIDFD_SPAWN_ERROR")) return std::atoi(forced);
   pid_t pid = -1;
   int error = posix_spawn(&pid, path, fileActions, attributes, argv, envp);
   if (error != 0) return error;

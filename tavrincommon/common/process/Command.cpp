@@ -5,6 +5,7 @@
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/GlobalLogging.h"
 
+#include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <csignal>
@@ -51,6 +52,30 @@ const PidfdCalls& pidfdCalls() {
     return found;
   }();
   return calls;
+}
+
+// Set once pidfd_spawn has failed for want of kernel support; from then on posix_spawn is used.
+std::atomic<bool> pidfdSpawnUnsupported{false};
+
+// Starts the child through pidfd_spawn. 0 with pid and pidfd set, or an error number;
+// `started` tells whether pidfd_spawn itself succeeded (a child ran, even if it failed later).
+int spawnWithPidfd(const PidfdCalls& calls, const std::string& program,
+                   const posix_spawn_file_actions_t* actions, const posix_spawnattr_t* attributes,
+                   char* const* argv, char* const* envp, int& pid, int& pidfd, bool& started) {
+  int error = calls.spawn(&pidfd, program.c_str(), actions, attributes, argv, envp);
+  started = error == 0;
+  if (error != 0) return error;
+  pid = calls.getpid(pidfd);
+  if (pid != -1) return 0;
+  // The child runs but cannot be named by pid: end and reap it through the pidfd rather than
+  // leave it behind.
+  error = errno;
+  internal::pidfdSendSignal(pidfd, SIGKILL);
+  siginfo_t info{};
+  waitid(kPidfdIdType, static_cast<id_t>(pidfd), &info, WEXITED);
+  ::close(pidfd);
+  pidfd = -1;
+  return error;
 }
 
 std::string joinArguments(const std::vector<std::string>& arguments) {
@@ -244,6 +269,11 @@ Command& Command::stderr(SafeFileDescriptor&& fd) {
   return *this;
 }
 
+Command& Command::processGroup(bool own) {
+  ownProcessGroup = own;
+  return *this;
+}
+
 std::vector<char*> Command::prepareArgp() const {
   std::vector<char*> argp;
   argp.reserve(arguments.size() + 2);
@@ -275,6 +305,10 @@ std::vector<char*> Command::prepareEnvp(std::vector<std::string>& storage) const
 std::optional<Process> Command::spawn() {
   PosixSpawnAttributes attributes;
   int error = attributes.init();
+  if (error == 0 && ownProcessGroup) {
+    error = posix_spawnattr_setpgroup(&attributes.attributes, 0);
+    if (error == 0) error = posix_spawnattr_setflags(&attributes.attributes, POSIX_SPAWN_SETPGROUP);
+  }
   if (error != 0) {
     errno = error;
     return std::nullopt;
@@ -312,27 +346,27 @@ std::optional<Process> Command::spawn() {
 
   int pid = -1;
   int pidfd = -1;
+  bool spawned = false;
   const PidfdCalls& pidfd_ = pidfdCalls();
-  if (pidfd_.available()) {
-    error = pidfd_.spawn(&pidfd, program.c_str(), &fileActions.actions, &attributes.attributes,
-                         argp.data(), envp.data());
-    if (error != 0) {
+  if (pidfd_.available() && !pidfdSpawnUnsupported.load(std::memory_order_relaxed)) {
+    bool started = false;
+    error = spawnWithPidfd(pidfd_, program, &fileActions.actions, &attributes.attributes,
+                           argp.data(), envp.data(), pid, pidfd, started);
+    if (!started && (error == ENOSYS || error == EINVAL)) {
+      if (!pidfdSpawnUnsupported.exchange(true)) {
+        TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Warning,
+                   "pidfd_spawn failed with %s (%d). Spawning with posix_spawn from now on; "
+                   "children have no pidfd.",
+                   std::strerror(error), error);
+      }
+    } else if (error != 0) {
       errno = error;
       return std::nullopt;
+    } else {
+      spawned = true;
     }
-    pid = pidfd_.getpid(pidfd);
-    if (pid == -1) {
-      // The child runs but cannot be named by pid: end and reap it through the pidfd rather
-      // than leave it behind.
-      error = errno;
-      internal::pidfdSendSignal(pidfd, SIGKILL);
-      siginfo_t info{};
-      waitid(kPidfdIdType, static_cast<id_t>(pidfd), &info, WEXITED);
-      ::close(pidfd);
-      errno = error;
-      return std::nullopt;
-    }
-  } else {
+  }
+  if (!spawned) {
     error = posix_spawn(&pid, program.c_str(), &fileActions.actions, &attributes.attributes,
                         argp.data(), envp.data());
     if (error != 0) {
@@ -350,13 +384,19 @@ std::optional<Process> Command::spawn() {
     }
   }
 
+  // The child puts itself into its group before exec; this closes the window where the C library
+  // returns before that (a spawn emulated by fork does), so that signalling the group at once
+  // reaches it. After the exec it fails harmlessly with EACCES.
+  if (ownProcessGroup) setpgid(pid, pid);
+
   TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Debug,
              "Spawned process '%s%s' with pid %d and pidfd %d", program.c_str(),
              joinArguments(arguments).c_str(), pid, pidfd);
   return std::optional<Process>(
       std::in_place, pid, pidfd,
       IoFds{std::move(fileActions.stdinInfo.parentFd), std::move(fileActions.stdoutInfo.parentFd),
-            std::move(fileActions.stderrInfo.parentFd)});
+            std::move(fileActions.stderrInfo.parentFd)},
+      ownProcessGroup);
 }
 
 std::optional<ProcessOutput> Command::runSync(

@@ -1,8 +1,8 @@
-// Describes a program to run (path, arguments, environment, working directory and what each
-// standard stream is connected to) and spawns it as a Process, with pidfd_spawn where the C
-// library provides it and posix_spawn otherwise. A value built and consumed by one thread; spawn
-// takes over the descriptors given with Fd. Logs through the process-wide logging object under
-// origin Firmware.
+// Describes a program to run (path, arguments, environment, working directory, what each
+// standard stream is connected to, whether it gets a process group of its own) and spawns it as a
+// Process, with pidfd_spawn where the C library provides it and the kernel supports it, and
+// posix_spawn otherwise. A value built and consumed by one thread; spawn takes over the
+// descriptors given with Fd. Logs through the process-wide logging object under origin Firmware.
 #pragma once
 
 #include "tavrincommon/common/process/Process.h"
@@ -103,6 +103,11 @@ class Command {
   Command& stdout(SafeFileDescriptor&& fd);
   Command& stderr(Stdio stdio);
   Command& stderr(SafeFileDescriptor&& fd);
+  // Off by default: the child stays in the caller's process group, so terminal signals and job
+  // control treat it as part of the application (a child in a group of its own that reads an
+  // inherited terminal would be stopped). On: the child leads a new group, and stopping or
+  // destroying its Process signals the whole group, so what the child started is not left behind.
+  Command& processGroup(bool own);
 
   // The program, each argument, then a null pointer; the pointers point into this command.
   std::vector<char*> prepareArgp() const;
@@ -111,7 +116,8 @@ class Command {
   std::vector<char*> prepareEnvp(std::vector<std::string>& storage) const;
 
   // Empty on failure, with errno set where a call reported one. The program is a path: no search
-  // along PATH is made.
+  // along PATH is made. When pidfd_spawn fails with ENOSYS or EINVAL (a C library newer than the
+  // kernel), the spawn falls back to posix_spawn, and so does every later one in this process.
   std::optional<Process> spawn();
   // spawn, close a piped stdin, waitWithOutput with `limit`; a child still running when the
   // limit runs out is stopped when the Process is destroyed.
@@ -128,6 +134,7 @@ class Command {
   StdioData stdoutData;
   StdioData stderrData;
   std::optional<std::string> workingDirectory;
+  bool ownProcessGroup = false;
 };
 
 }  // namespace process

@@ -24,7 +24,7 @@ std::unique_ptr<CommandRunner> CommandRunner::start(
     const std::vector<std::string>& args, const std::optional<std::string>& stdinFile,
     const std::optional<std::string>& stdoutFile, const std::optional<std::string>& stderrFile) {
   process::Command command(program);
-  command.args(args);
+  command.args(args).processGroup(true);
 
   // Never the application's own input: a child reading it would steal it.
   if (!stdinFile) {
@@ -166,8 +166,8 @@ bool CommandRunner::tryKillWithSigTerm() {
              "Process with pid %d is still running at CommandRunner cleanup. Sending SIGTERM.",
              process.pid());
   kill(false);
-  if (process.wait(KILL_TIMEOUT)) return false;
-  return errno == ETIME;
+  // Whatever made the wait fail (time out, descriptors run out), SIGKILL must follow.
+  return !process.wait(KILL_TIMEOUT);
 }
 
 void CommandRunner::clearFinishedCallback() {

@@ -1,9 +1,10 @@
 // Runs one external program in the background of the event loop and reports its exit status once
 // to a finished callback on the loop thread, without blocking the loop: through an IO watch on the
 // child's pidfd, or, without a pidfd, through a helper thread that waits. Owns the child, which it
-// stops and reaps when cleaned up or destroyed. Loop thread only. Destroying a runner from inside
-// its own finished callback is logged as an emergency (the caller's design is wrong); the runner
-// itself survives it. Logs through the process-wide logging object.
+// starts in a process group of its own and stops with that group (SIGTERM, then SIGKILL) and reaps
+// when cleaned up or destroyed, so nothing the child started is left behind. Loop thread only.
+// Destroying a runner from inside its own finished callback is logged as an emergency (the caller's
+// design is wrong); the runner itself survives it. Logs through the process-wide logging object.
 #pragma once
 
 #include "tavrincommon/common/LivenessToken.h"
@@ -32,8 +33,9 @@ class CommandRunner : public TaskResultThread<int> {
 
   // Spawns `program` with `args`. stdin reads the named file or the null device; stdout and
   // stderr write to the named files (created with mode 0600, truncated) or are inherited.
-  // `finished` gets the exit status as waitid reports it, or a negative errno value when waiting
-  // failed on the helper thread. `origin` is used for the log lines and the IO watch. Empty
+  // `finished` gets the exit status as waitid reports it (the exit code, or the number of the
+  // signal that ended the child: exitSignal() tells which), or a negative errno value when
+  // waiting failed on the helper thread. `origin` is used for the log lines and the IO watch. Empty
   // pointer on failure, after one Error line.
   static std::unique_ptr<CommandRunner> start(int origin, tavrinScheduler::Scheduler* scheduler,
                                               const std::function<void(int)>& finishedCallback,
@@ -49,9 +51,15 @@ class CommandRunner : public TaskResultThread<int> {
 
   // True while the child has not been reaped.
   bool running() const;
+  // The child's pid (also its process group's id); -1 once reaped.
+  int pid() const { return process.pid(); }
+  // The signal that ended the child; empty while it runs or when it exited by itself. Valid in
+  // the finished callback and after it.
+  std::optional<int> exitSignal() const { return process.exitSignal(); }
   // SIGKILL when `force`, else SIGTERM.
   bool kill(bool force);
-  // SIGTERM, then up to KILL_TIMEOUT for the child to end: true when it still runs after that.
+  // SIGTERM, then up to KILL_TIMEOUT for the child to end: true unless it is known to have ended
+  // (a wait that failed for any reason counts as still running).
   bool tryKillWithSigTerm();
   // No finished callback is made after this.
   void clearFinishedCallback();

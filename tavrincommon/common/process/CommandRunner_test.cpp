@@ -94,6 +94,7 @@ TEST_F(CommandRunnerTest, ExitStatusReachesTheLoopThreadOnce) {
   EXPECT_EQ(lastStatus, 3);
   EXPECT_TRUE(callbackOnLoop);
   EXPECT_FALSE(runner->running());
+  EXPECT_FALSE(runner->exitSignal());
   runner.reset();
   EXPECT_FALSE(log->contains("still running at CommandRunner cleanup")) << log->text();
 
@@ -115,6 +116,7 @@ TEST_F(CommandRunnerTest, KillSendsSigtermOrWithForceSigkill) {
     ASSERT_TRUE(
         tavrinTesting::runUntil(scheduler, [&] { return !runner->running() && calls > 0; }));
     EXPECT_EQ(lastStatus, force ? SIGKILL : SIGTERM);
+    EXPECT_EQ(runner->exitSignal(), force ? SIGKILL : SIGTERM);  // not an exit code
     calls = 0;
   }
   EXPECT_FALSE(log->contains("still running at CommandRunner cleanup"));
@@ -165,22 +167,36 @@ TEST_F(CommandRunnerTest, StartFailuresNameTheCommand) {
                     "No such file or directory (2)"));
 }
 
-TEST_F(CommandRunnerTest, DestructionWhileRunningTermsThenKillsAndReaps) {
+TEST_F(CommandRunnerTest, DestructionWhileRunningTermsThenKillsAndReapsTheWholeGroup) {
+  tavrinTesting::AdoptOrphans adopt;
   const std::string out = dir + "/out";
-  std::unique_ptr<CommandRunner> runner =
-      startShell("trap '' TERM; echo ready; exec sleep 10", out);
-  ASSERT_TRUE(runner);
-  ASSERT_TRUE(waitForFile(out, "ready"));
-  const auto start = Clock::now();
-  runner.reset();
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
-  EXPECT_EQ(calls, 0);
-  // SIGTERM first only where the child can be signalled and waited for with a time limit.
-  EXPECT_EQ(log->contains("is still running at CommandRunner cleanup. Sending SIGTERM."), kPidfd);
-  EXPECT_TRUE(log->contains("is still running at CommandRunner cleanup. Sending SIGKILL."))
-      << log->text();
-  tavrinTesting::runFor(scheduler, milliseconds(30));
-  EXPECT_EQ(calls, 0);
+  // The second time no descriptor can be opened while the child is given its time to end.
+  for (bool descriptorsUsedUp : {false, true}) {
+    log->clear();
+    // The ignored SIGTERM is inherited by the sleep, which the shell waits for.
+    std::unique_ptr<CommandRunner> runner =
+        startShell("trap '' TERM; echo ready; sleep 10; echo done", out);
+    ASSERT_TRUE(runner);
+    ASSERT_TRUE(waitForFile(out, "ready"));
+    ASSERT_TRUE(
+        tavrinTesting::runUntil(scheduler, [&] { return tavrinTesting::hasChild(runner->pid()); }));
+    const auto start = Clock::now();
+    {
+      std::optional<tavrinTesting::DescriptorsUsedUp> usedUp;
+      if (descriptorsUsedUp) usedUp.emplace();
+      runner.reset();
+    }
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+    EXPECT_EQ(calls, 0);
+    // SIGTERM first only where the child can be signalled and waited for with a time limit.
+    EXPECT_EQ(log->contains("is still running at CommandRunner cleanup. Sending SIGTERM."), kPidfd);
+    EXPECT_TRUE(log->contains("is still running at CommandRunner cleanup. Sending SIGKILL."))
+        << log->text();
+    EXPECT_TRUE(tavrinTesting::AdoptOrphans::noneLeftRunning(std::chrono::seconds(2)))
+        << "the sleep was left behind";
+    tavrinTesting::runFor(scheduler, milliseconds(30));
+    EXPECT_EQ(calls, 0);
+  }
 }
 
 TEST_F(CommandRunnerTest, ClearedCallbackIsNeverMade) {

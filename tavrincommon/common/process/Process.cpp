@@ -1,18 +1,18 @@
 #include "tavrincommon/common/process/Process.h"
 
+#include "tavrincommon/common/process/internal/Deadline.h"
 #include "tavrincommon/common/process/internal/PidfdSignal.h"
 
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/GlobalLogging.h"
 
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstring>
 #include <thread>
 #include <utility>
 
-#include <sys/epoll.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,29 +22,44 @@ namespace process {
 using tavrinLog::globalLogging;
 using tavrinLog::SeverityLevel;
 
+using internal::SteadyClock;
+
 namespace {
 
 constexpr int kOrigin = DefaultOrigins::Firmware;
-constexpr size_t kReadChunk = 1024;
-// Poll interval for the exit of a child without pidfd while its output is read.
-constexpr std::chrono::milliseconds kPollWithoutPidfd{20};
 
-// An epoll set (close-on-exec) that reports `fd` readable with `id` as its data; -1 with errno.
-int addToEpoll(int epollFd, int fd, Process::FdId id) {
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.u32 = static_cast<uint32_t>(id);
-  return epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &event);
+// Polls `fd` for readability until `deadline`, without the state lock. 1 readable, 0 not by then,
+// -1 with errno. poll needs no descriptor of its own, so it works when descriptors run out.
+int pollUntil(std::unique_lock<std::shared_mutex>& lock, int fd, SteadyClock::time_point deadline) {
+  for (;;) {
+    pollfd entry{fd, POLLIN, 0};
+    const int timeout = internal::millisecondsUntil(deadline);
+    lock.unlock();
+    const int count = ::poll(&entry, 1, timeout);
+    const int error = errno;
+    lock.lock();
+    if (count == 0) return 0;
+    if (count > 0) {
+      if ((entry.revents & POLLIN) != 0) return 1;
+      errno = EBADF;  // POLLNVAL: not an open descriptor
+      return -1;
+    }
+    if (error != EINTR) {
+      errno = error;
+      return -1;
+    }
+  }
 }
 
 }  // namespace
 
-Process::Process(int pid_, int pidfd_, IoFds&& fds)
+Process::Process(int pid_, int pidfd_, IoFds&& fds, bool ownGroup_)
     : childPid(pid_),
       childPidfd(pidfd_),
       childStdin(std::move(fds.stdin)),
       childStdout(std::move(fds.stdout)),
-      childStderr(std::move(fds.stderr)) {}
+      childStderr(std::move(fds.stderr)),
+      groupLeader(ownGroup_ && pid_ > 0) {}
 
 Process::Process(Process&& other) {
   StateLock lock(other.stateLock);
@@ -57,52 +72,59 @@ Process::Process(Process&& other) {
   other.childStdout.reset();
   other.childStderr.reset();
   exitStatus = other.exitStatus;
+  killedBySignal = other.killedBySignal;
+  groupLeader = std::exchange(other.groupLeader, false);
 }
 
 Process::~Process() {
   StateLock lock(stateLock);
-  if (!exitStatus && (childPid > 0 || childPidfd >= 0)) {
-    TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Debug,
-               "Process object destructed while process is still running. Killing and waiting on "
-               "process %d",
-               childPid);
-    bool sendKill = true;
-    if (childPidfd >= 0) {
-      TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Detailed,
-                 "Sending SIGTERM to process %d", childPid);
-      if (!killInternal(SIGTERM)) {
-        int error = errno;
-        TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Debug,
-                   "Cannot kill (SIGTERM) process with pid %d. %s (%d).", childPid,
-                   std::strerror(error), error);
-      } else {
-        std::optional<int> result = waitWithPidfd(lock, SIGTERM_WAIT_TIMEOUT);
-        if (result || errno != ETIME) sendKill = false;
-      }
-    }
-    if (sendKill) {
-      TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Detailed,
-                 "Sending SIGKILL to process %d", childPid);
-      if (!killInternal(SIGKILL)) {
-        int error = errno;
-        TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Debug,
-                   "Cannot kill (SIGKILL) process with pid %d. %s (%d).", childPid,
-                   std::strerror(error), error);
-      }
-      const int pid = childPid;
-      if (!waitUnbounded(lock)) {
-        int error = errno;
-        TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Debug,
-                   "Cannot wait upon killed process with pid %d. %s (%d).", pid,
-                   std::strerror(error), error);
-      }
-    }
-  }
+  if (!exitStatus && (childPid > 0 || childPidfd >= 0)) stopAndReap(lock);
   lock.unlock();
   childStderr.reset();
   childStdout.reset();
   childStdin.reset();
   if (childPidfd >= 0) ::close(childPidfd);
+}
+
+void Process::stopAndReap(StateLock& lock) {
+  TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Debug,
+             "Process object destructed while process is still running. Killing and waiting on "
+             "process %d",
+             childPid);
+  // Whether the child has ended; it is not reaped yet, so a group it led keeps its id.
+  bool ended = false;
+  if (childPidfd >= 0) {
+    TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Detailed,
+               "Sending SIGTERM to process %d", childPid);
+    if (!killInternal(SIGTERM)) {
+      int error = errno;
+      TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Debug,
+                 "Cannot kill (SIGTERM) process with pid %d. %s (%d).", childPid,
+                 std::strerror(error), error);
+    } else {
+      // Any failure of this wait leads to SIGKILL, not only the time running out.
+      ended = pollUntil(lock, childPidfd,
+                        internal::deadlineAfter(SteadyClock::now(), SIGTERM_WAIT_TIMEOUT)) == 1;
+    }
+  }
+  // Members of the group that outlived the SIGTERM get no more time than the child had.
+  if (!ended || groupLeader) {
+    TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Detailed,
+               "Sending SIGKILL to process %d", childPid);
+    if (!killInternal(SIGKILL)) {
+      int error = errno;
+      TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Debug,
+                 "Cannot kill (SIGKILL) process with pid %d. %s (%d).", childPid,
+                 std::strerror(error), error);
+    }
+  }
+  const int pid = childPid;
+  if (!waitUnbounded(lock)) {
+    int error = errno;
+    TAVRIN_LOG(globalLogging.get(), kOrigin, SeverityLevel::Debug,
+               "Cannot wait upon killed process with pid %d. %s (%d).", pid, std::strerror(error),
+               error);
+  }
 }
 
 int Process::pid() const {
@@ -118,6 +140,11 @@ int Process::pidfd() const {
 std::optional<int> Process::status() const {
   std::shared_lock<std::shared_mutex> lock(stateLock);
   return exitStatus;
+}
+
+std::optional<int> Process::exitSignal() const {
+  std::shared_lock<std::shared_mutex> lock(stateLock);
+  return killedBySignal ? exitStatus : std::nullopt;
 }
 
 std::optional<SafeFileDescriptor>& Process::stdin() {
@@ -181,6 +208,7 @@ int Process::reapLocked(StateLock& lock, bool block) {
              "Process with pid %d and pidfd %d exited with return code %d.", childPid, childPidfd,
              info.si_status);
   exitStatus = info.si_status;
+  killedBySignal = info.si_code == CLD_KILLED || info.si_code == CLD_DUMPED;
   childPid = -1;
   return 0;
 }
@@ -223,18 +251,20 @@ std::optional<int> Process::waitUnbounded(StateLock& lock) {
 }
 
 std::optional<int> Process::waitWithPidfd(StateLock& lock, std::chrono::milliseconds limit) {
-  using std::chrono::steady_clock;
-  const steady_clock::time_point start = steady_clock::now();
-  const steady_clock::time_point end = start + limit;
+  const SteadyClock::time_point end = internal::deadlineAfter(SteadyClock::now(), limit);
   for (;;) {
-    const steady_clock::time_point now = steady_clock::now();
-    if (now - start >= limit) {
+    if (SteadyClock::now() >= end) {
       errno = ETIME;
       return std::nullopt;
     }
     if (!waitMutex.try_lock()) {
       lock.unlock();
-      bool locked = waitMutex.try_lock_until(end);
+      bool locked = true;
+      if (end == SteadyClock::time_point::max()) {
+        waitMutex.lock();
+      } else {
+        locked = waitMutex.try_lock_until(end);
+      }
       lock.lock();
       if (!locked) continue;
     }
@@ -246,18 +276,9 @@ std::optional<int> Process::waitWithPidfd(StateLock& lock, std::chrono::millisec
       errno = EINVAL;
       return std::nullopt;
     }
-    SafeFileDescriptor epollFd(epoll_create1(EPOLL_CLOEXEC));
-    if (!epollFd.valid() || addToEpoll(epollFd.get(), childPidfd, FdId::PidFd) != 0) {
-      return std::nullopt;
-    }
-    // Rounded up: a wait that ends a fraction of a millisecond early would only spin.
-    auto remaining = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
-    int timeout = remaining.count() < 0 ? 0 : convertForEpollWait(remaining);
-    epoll_event event{};
-    lock.unlock();
-    int count = epoll_wait(epollFd.get(), &event, 1, timeout);
-    lock.lock();
-    if (count > 0) {
+    const int readable = pollUntil(lock, childPidfd, end);
+    if (readable < 0) return std::nullopt;
+    if (readable > 0) {
       int error = reapLocked(lock, false);
       if (error != 0) {
         errno = error;
@@ -266,140 +287,6 @@ std::optional<int> Process::waitWithPidfd(StateLock& lock, std::chrono::millisec
       if (exitStatus) return exitStatus;
     }
   }
-}
-
-std::optional<ProcessOutput> Process::waitWithOutput(
-    const std::optional<std::chrono::milliseconds>& limit) {
-  using std::chrono::steady_clock;
-  const steady_clock::time_point start = steady_clock::now();
-  StateLock lock(stateLock);
-  if (!ioValid(childStdout) && !ioValid(childStderr)) {
-    lock.unlock();
-    std::optional<int> result = wait(limit);
-    if (!result) return std::nullopt;
-    return ProcessOutput{std::string(), std::string(), *result};
-  }
-
-  SafeFileDescriptor epollFd(epoll_create1(EPOLL_CLOEXEC));
-  if (!epollFd.valid()) return std::nullopt;
-  if (ioValid(childStdout) && addToEpoll(epollFd.get(), childStdout->get(), FdId::Stdout) != 0) {
-    return std::nullopt;
-  }
-  if (ioValid(childStderr) && addToEpoll(epollFd.get(), childStderr->get(), FdId::Stderr) != 0) {
-    return std::nullopt;
-  }
-  if (childPidfd >= 0 && addToEpoll(epollFd.get(), childPidfd, FdId::PidFd) != 0) {
-    return std::nullopt;
-  }
-
-  ProcessOutput output{std::string(), std::string(), 0};
-  std::unique_lock<std::timed_mutex> waitGuard(waitMutex, std::defer_lock);
-  for (;;) {
-    if (limit && steady_clock::now() - start > *limit) {
-      errno = ETIME;
-      return std::nullopt;
-    }
-    if (!waitGuard.owns_lock()) waitGuard.try_lock();
-    const int timeout = convertForEpollWait(getEpollTimeoutLocked(limit, start));
-    epoll_event events[3];
-    lock.unlock();
-    int count = epoll_wait(epollFd.get(), events, 3, timeout);
-    int error = errno;
-    lock.lock();
-    if (count < 0) {
-      // A signal handler interrupting the wait is not a failure of the child.
-      if (error == EINTR) continue;
-      errno = error;
-      return std::nullopt;
-    }
-    bool exited = false;
-    for (int i = 0; i < count; ++i) {
-      const auto id = static_cast<FdId>(events[i].data.u32);
-      if (id == FdId::PidFd) {
-        exited = true;
-        continue;
-      }
-      std::optional<int> readError =
-          readToStrLocked(id, static_cast<int>(events[i].events), output.stdout, output.stderr);
-      if (readError) {
-        errno = *readError;
-        return std::nullopt;
-      }
-    }
-    if (exited || exitStatus) break;
-    if (waitGuard.owns_lock()) {
-      int reapError = reapLocked(lock, false);
-      if (reapError != 0) {
-        errno = reapError;
-        return std::nullopt;
-      }
-      if (exitStatus) break;
-    }
-  }
-
-  std::optional<int> readError = readFdsToEndLocked(output.stdout, output.stderr);
-  if (readError) {
-    errno = *readError;
-    return std::nullopt;
-  }
-  if (waitGuard.owns_lock()) waitGuard.unlock();
-  lock.unlock();
-  std::optional<int> result = wait(std::nullopt);
-  if (!result) return std::nullopt;
-  output.status = *result;
-  return output;
-}
-
-std::optional<int> Process::readToStr(FdId id, int events, std::string& out, std::string& err) {
-  StateLock lock(stateLock);
-  return readToStrLocked(id, events, out, err);
-}
-
-std::optional<int> Process::readToStrLocked(FdId id, int events, std::string& out,
-                                            std::string& err) {
-  std::optional<SafeFileDescriptor>* fd;
-  std::string* text;
-  if (id == FdId::Stdout) {
-    fd = &childStdout;
-    text = &out;
-  } else if (id == FdId::Stderr) {
-    fd = &childStderr;
-    text = &err;
-  } else {
-    return std::nullopt;
-  }
-  if (!ioValid(*fd)) return std::nullopt;
-  char buffer[kReadChunk];
-  ssize_t count = ::read((*fd)->get(), buffer, sizeof buffer);
-  if (count < 0) {
-    if (errno == EAGAIN || errno == EINTR) return std::nullopt;
-    return errno;
-  }
-  if (count == 0) {
-    fd->reset();
-    return std::nullopt;
-  }
-  // A short read with the writer gone means the pipe is drained: no need for another round.
-  if (static_cast<size_t>(count) < sizeof buffer && (events & EPOLLHUP) != 0) fd->reset();
-  text->append(buffer, static_cast<size_t>(count));
-  return std::nullopt;
-}
-
-std::optional<int> Process::readFdsToEnd(std::string& out, std::string& err) {
-  StateLock lock(stateLock);
-  return readFdsToEndLocked(out, err);
-}
-
-std::optional<int> Process::readFdsToEndLocked(std::string& out, std::string& err) {
-  while (ioValid(childStdout)) {
-    std::optional<int> error = readToStrLocked(FdId::Stdout, EPOLLIN, out, err);
-    if (error) return error;
-  }
-  while (ioValid(childStderr)) {
-    std::optional<int> error = readToStrLocked(FdId::Stderr, EPOLLIN, out, err);
-    if (error) return error;
-  }
-  return std::nullopt;
 }
 
 bool Process::kill(int signal) {
@@ -412,6 +299,8 @@ bool Process::killInternal(int signal) {
     errno = ESRCH;
     return false;
   }
+  // The leader is not reaped while the status is unknown, so its group id cannot have been reused.
+  if (groupLeader && childPid > 0) return ::kill(-childPid, signal) == 0;
   if (childPidfd >= 0) {
     // The pidfd names this very child even after its pid could have been reused.
     if (internal::pidfdSendSignal(childPidfd, signal) == 0) return true;
@@ -420,29 +309,6 @@ bool Process::killInternal(int signal) {
   if (childPid > 0) return ::kill(childPid, signal) == 0;
   errno = ESRCH;
   return false;
-}
-
-std::chrono::milliseconds Process::getEpollTimeout(
-    const std::optional<std::chrono::milliseconds>& limit,
-    const std::chrono::steady_clock::time_point& start) const {
-  std::shared_lock<std::shared_mutex> lock(stateLock);
-  return getEpollTimeoutLocked(limit, start);
-}
-
-std::chrono::milliseconds Process::getEpollTimeoutLocked(
-    const std::optional<std::chrono::milliseconds>& limit,
-    const std::chrono::steady_clock::time_point& start) const {
-  if (!limit || childPidfd < 0) return kPollWithoutPidfd;
-  const auto remaining = std::chrono::duration_cast<std::chrono::nanoseconds>(
-      *limit - (std::chrono::steady_clock::now() - start));
-  if (remaining.count() >= -999999) {
-    return std::chrono::milliseconds(remaining.count() / 1000000);
-  }
-  return std::chrono::milliseconds(0);
-}
-
-int Process::convertForEpollWait(std::chrono::milliseconds timeout) {
-  return timeout.count() > INT_MAX ? INT_MAX : static_cast<int>(timeout.count());
 }
 
 }  // namespace process

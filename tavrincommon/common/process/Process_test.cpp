@@ -6,7 +6,10 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -63,26 +66,81 @@ TEST_F(ProcessTest, SpawnTakesThePathThisSystemOffers) {
 }
 
 TEST_F(ProcessTest, RunSyncReadsLargeStdoutAndStderrCompletely) {
+  // 1 MiB on each, interleaved in pieces of half a pipe buffer: a reader that waits on one
+  // stream while the other fills up deadlocks here.
   std::optional<ProcessOutput> output =
       shell(
-          "head -c 10240 /dev/zero | tr '\\000' o; head -c 1024 /dev/zero | tr '\\000' e >&2; "
-          "exit 3")
+          "i=0; while [ $i -lt 32 ]; do head -c 32768 /dev/zero | tr '\\000' o; "
+          "head -c 32768 /dev/zero | tr '\\000' e >&2; i=$((i+1)); done; exit 3")
           .stdout(Stdio::Piped)
           .stderr(Stdio::Piped)
-          .runSync(std::chrono::seconds(10));
+          .runSync(std::chrono::seconds(20));
   ASSERT_TRUE(output);
-  EXPECT_EQ(output->stdout, std::string(10240, 'o'));
-  EXPECT_EQ(output->stderr, std::string(1024, 'e'));
+  EXPECT_EQ(output->stdout, std::string(1 << 20, 'o'));
+  EXPECT_EQ(output->stderr, std::string(1 << 20, 'e'));
   EXPECT_EQ(output->status, 3);
 }
 
+TEST_F(ProcessTest, TheLimitHoldsWhileALeftBehindProcessKeepsThePipeOpen) {
+  for (std::optional<milliseconds> limit :
+       {std::optional<milliseconds>(200), std::optional<milliseconds>(milliseconds::max()),
+        std::optional<milliseconds>()}) {
+    const auto start = Clock::now();
+    // The background sleep shares stdout and outlives the shell by seconds.
+    std::optional<ProcessOutput> output =
+        shell("sleep 5 & echo $!").stdout(Stdio::Piped).runSync(limit);
+    EXPECT_LT(Clock::now() - start, milliseconds(1500));
+    ASSERT_TRUE(output);
+    EXPECT_EQ(output->status, 0);
+    const int sleeper = std::atoi(output->stdout.c_str());
+    ASSERT_GT(sleeper, 0) << output->stdout;
+    ::kill(sleeper, SIGKILL);
+  }
+}
+
+TEST_F(ProcessTest, PidfdSpawnUnsupportedByTheKernelFallsBackToPosixSpawnForGood) {
+  // In a child process of its own: the fallback is remembered for the rest of the process.
+  EXPECT_EXIT(
+      {
+        setenv("TAVRIN_TEST_PIDFD_SPAWN_ERROR", "38", 1);  // ENOSYS
+        std::optional<Process> first = shell("exit 3").spawn();
+        unsetenv("TAVRIN_TEST_PIDFD_SPAWN_ERROR");
+        std::optional<Process> second = shell("exit 4").spawn();
+        const bool ok = first && second && first->pidfd() == -1 && second->pidfd() == -1 &&
+                        first->wait(std::nullopt) == 3 && second->wait(std::nullopt) == 4 &&
+                        log->contains(
+                            "Firmware: Warning: pidfd_spawn failed with Function not "
+                            "implemented (38). Spawning with posix_spawn from now on; "
+                            "children have no pidfd.") == kPidfd;
+        std::fprintf(stderr, "%s", log->text().c_str());
+        std::_Exit(ok ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
 TEST_F(ProcessTest, WaitClosesAPipedStdinSoAReaderEnds) {
   std::optional<Process> child = shell("n=$(cat | wc -c); exit $n").stdin(Stdio::Piped).spawn();
   ASSERT_TRUE(child);
-  ASSERT_TRUE(Process::ioValid(child->stdin()));
-  ASSERT_EQ(::write(child->stdin()->get(), "hello", 5), 5);
+  ASSERT_EQ(child->writeStdin("hello", 5), 5);
   EXPECT_EQ(child->wait(std::nullopt), 5);
   EXPECT_FALSE(child->stdin());
+}
+
+TEST_F(ProcessTest, WritingToAChildThatNoLongerReadsFailsWithEpipeNotSigpipe) {
+  struct sigaction previous {};
+  struct sigaction byDefault {};
+  byDefault.sa_handler = SIG_DFL;
+  ASSERT_EQ(sigaction(SIGPIPE, &byDefault, &previous), 0);
+  std::optional<Process> child =
+      shell("exec <&-; echo closed; exec sleep 5").stdin(Stdio::Piped).stdout(Stdio::Piped).spawn();
+  ASSERT_TRUE(child);
+  readUntil(child->stdout()->get(), "closed");
+  errno = 0;
+  EXPECT_EQ(child->writeStdin("x", 1), -1);
+  EXPECT_EQ(errno, EPIPE);
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_FALSE(sigismember(&pending, SIGPIPE));
+  sigaction(SIGPIPE, &previous, nullptr);
 }
 
 TEST_F(ProcessTest, WaitWithOutputRunsOutOfTimeAndDestructionStopsTheChild) {
@@ -112,6 +170,12 @@ TEST_F(ProcessTest, WaitWithOutputRunsOutOfTimeAndDestructionStopsTheChild) {
 }
 
 TEST_F(ProcessTest, WaitWithALimitNeedsAPidfd) {
+  // The largest limit does not overflow into one that has run out already.
+  std::optional<Process> quick = shell("exit 2").spawn();
+  ASSERT_TRUE(quick);
+  EXPECT_EQ(quick->wait(milliseconds::max()), 2);
+  EXPECT_EQ(Process::convertForEpollWait(quick->getEpollTimeout(milliseconds::max(), Clock::now())),
+            kPidfd ? INT_MAX : 20);
   if (kPidfd) {
     std::optional<Process> child = shell("exec sleep 5").spawn();
     ASSERT_TRUE(child);
@@ -170,20 +234,72 @@ TEST_F(ProcessTest, KillFromAnotherThreadEndsABlockingWait) {
   EXPECT_EQ(child->status(), SIGKILL);
 }
 
-TEST_F(ProcessTest, DestructionKillsAChildThatIgnoresSigterm) {
-  const auto start = Clock::now();
-  {
+TEST_F(ProcessTest, DestructionKillsAChildThatIgnoresSigtermWhateverTheWaitMeetsMeanwhile) {
+  // The second time no descriptor can be opened while the child is given its time to end.
+  for (bool descriptorsUsedUp : {false, true}) {
+    log->clear();
+    const auto start = Clock::now();
     std::optional<Process> child =
         shell("trap '' TERM; echo ready; exec sleep 10").stdout(Stdio::Piped).spawn();
     ASSERT_TRUE(child);
     readUntil(child->stdout()->get(), "ready");
-    Process moved(std::move(*child));  // the moved-from object no longer owns the child
-    child.reset();
-    EXPECT_FALSE(log->contains("Process object destructed while process is still running"));
+    {
+      std::optional<tavrinTesting::DescriptorsUsedUp> usedUp;
+      if (descriptorsUsedUp) usedUp.emplace();
+      Process moved(std::move(*child));  // the moved-from object no longer owns the child
+      child.reset();
+      EXPECT_FALSE(log->contains("Process object destructed while process is still running"));
+    }
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(log->contains("Sending SIGTERM to process"), kPidfd);
+    EXPECT_TRUE(log->contains("Sending SIGKILL to process")) << log->text();
+    tavrinTesting::expectNoChildLeft();
   }
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-  EXPECT_EQ(log->contains("Sending SIGTERM to process"), kPidfd);
-  EXPECT_TRUE(log->contains("Sending SIGKILL to process")) << log->text();
+}
+
+TEST_F(ProcessTest, AChildInAGroupOfItsOwnIsStoppedWithWhatItStarted) {
+  tavrinTesting::AdoptOrphans adopt;
+  // Destruction, then kill(): each must reach the sleep the shell waits for.
+  for (bool byKill : {false, true}) {
+    std::optional<Process> child = shell("sleep 30; echo done").processGroup(true).spawn();
+    ASSERT_TRUE(child);
+    ASSERT_TRUE(child->ownGroup());
+    const int pid = child->pid();
+    const auto started = Clock::now();
+    while (!tavrinTesting::hasChild(pid) && Clock::now() - started < std::chrono::seconds(5)) {
+      std::this_thread::yield();
+    }
+    ASSERT_TRUE(tavrinTesting::hasChild(pid)) << "the shell did not start its sleep";
+    if (byKill) {
+      EXPECT_TRUE(child->kill(SIGTERM));
+      EXPECT_EQ(child->wait(std::nullopt), SIGTERM);
+    }
+    child.reset();
+    EXPECT_TRUE(tavrinTesting::AdoptOrphans::noneLeftRunning(std::chrono::seconds(2)))
+        << "the sleep was left behind" << (byKill ? " by kill()" : " by destruction");
+  }
+}
+
+TEST_F(ProcessTest, ASignalIsToldFromAnExitStatusOfTheSameNumber) {
+  std::optional<ProcessOutput> exited = shell("exit 15").stdout(Stdio::Piped).runSync(std::nullopt);
+  ASSERT_TRUE(exited);
+  EXPECT_EQ(exited->status, 15);
+  EXPECT_FALSE(exited->exitSignal);
+  std::optional<ProcessOutput> termed =
+      shell("kill -TERM $$").stdout(Stdio::Piped).runSync(std::nullopt);
+  ASSERT_TRUE(termed);
+  EXPECT_EQ(termed->status, SIGTERM);
+  EXPECT_EQ(termed->exitSignal, SIGTERM);
+
+  std::optional<Process> child = shell("exit 9").spawn();
+  ASSERT_TRUE(child);
+  EXPECT_EQ(child->wait(std::nullopt), 9);
+  EXPECT_FALSE(child->exitSignal());
+  std::optional<Process> killed = shell("kill -KILL $$").spawn();
+  ASSERT_TRUE(killed);
+  EXPECT_FALSE(killed->exitSignal());  // not reaped yet
+  EXPECT_EQ(killed->wait(std::nullopt), SIGKILL);
+  EXPECT_EQ(killed->exitSignal(), SIGKILL);
 }
 
 TEST_F(ProcessTest, EnvironmentMapReplacesTheParentsEnvironment) {

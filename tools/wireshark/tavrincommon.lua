@@ -606,9 +606,13 @@ local function dissect_connector(tvb, tree, r)
   return true
 end
 
-function announce.dissector(tvb, pinfo, tree)
+local function to_other_group(pinfo)
   local group = announce.prefs.group
-  if group ~= "" and tostring(pinfo.dst) ~= group then return 0 end
+  return group ~= "" and tostring(pinfo.dst) ~= group
+end
+
+function announce.dissector(tvb, pinfo, tree)
+  if to_other_group(pinfo) then return 0 end
   local length = tvb:len()
   pinfo.cols.protocol = "Tavrin announce"
   local root = tree:add(announce, tvb())
@@ -677,7 +681,7 @@ end
 
 local function announce_heuristic(tvb, pinfo, tree)
   local length = tvb:len()
-  if length < HEADER_LENGTH + 3 then return false end
+  if length < HEADER_LENGTH + 3 or to_other_group(pinfo) then return false end
   if tvb(0, 1):uint() ~= START_DELIMITER or tvb(5, 1):uint() ~= ANNOUNCE then return false end
   local length_field = tvb(1, 4):le_uint()
   if length_field + 5 > length or tvb(length_field + 4, 1):uint() ~= END_DELIMITER then

@@ -118,7 +118,7 @@ class ReliabilityTest : public ::testing::Test {
     return runUntil([&] { return echoed; }, 5s);
   }
 
-  // The master's listening backlog is short: each peer is taken in before the next connects.
+  // Each peer is taken in (or refused) before the next connects, so that the counts are settled.
   std::unique_ptr<RawPeer> connectPeer(const char* source, int receiveBuffer = 0) {
     const unsigned refused = master.getBoundCounters().tcpConnectionsRefused;
     auto peer = std::make_unique<RawPeer>(port, source, receiveBuffer);

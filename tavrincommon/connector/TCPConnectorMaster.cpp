@@ -62,8 +62,10 @@ TCPConnectorMaster::TCPConnectorMaster(tavrinScheduler::Scheduler* scheduler_,
                                        tavrinLog::TavrinLogging* logging_)
     : TCPConnectorMaster(
           scheduler_,
-          [logging_](const SimpleEndpoint& at, bool useMptcp) {
-            return tavrinNetwork::TCPSocketHelper::createListenSocket(at, useMptcp, logging_);
+          // Called only once the master stands, from initServerSocket().
+          [this, logging_](const SimpleEndpoint& at, bool useMptcp) {
+            return tavrinNetwork::TCPSocketHelper::createListenSocket(at, useMptcp, logging_,
+                                                                      listenBacklog);
           },
           [logging_](TCPSocketInterface* server, SimpleEndpoint& peer) {
             return tavrinNetwork::TCPSocketHelper::acceptClient(server, peer, logging_);

@@ -7,6 +7,7 @@
 #include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/connector/TCPConnectorBase.h"
 #include "tavrincommon/connector/TCPConnectorMasterInterface.h"
+#include "tavrincommon/network/TCPSocketHelper.h"
 #include "tavrincommon/scheduler/IOWatchItem.h"
 
 #include <map>
@@ -73,6 +74,11 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
   tavrinNetwork::SimpleEndpoint getListeningEndpoint() const;
   // How often accepting paused because no descriptor was left.
   unsigned getAcceptPauses() const { return acceptPauses; }
+  // The listening queue of the server sockets the network helpers open (a factory of the
+  // application's chooses its own), from the next time the server socket is opened. Below 1: the
+  // default, room for a hall of slaves that connect at once.
+  void setListenBacklog(int backlog) { listenBacklog = backlog; }
+  int getListenBacklog() const { return listenBacklog; }
 
  protected:
   void enableSpecific() override;
@@ -122,6 +128,7 @@ class TCPConnectorMaster : public TCPConnectorBase, public TCPConnectorMasterInt
   tavrinScheduler::IOWatchHandle serverWatch;
   tavrinScheduler::SimpleTimer acceptPauseTimer;
   unsigned acceptPauses = 0;
+  int listenBacklog = tavrinNetwork::TCPSocketHelper::kDefaultListenBacklog;
   std::map<unsigned, unsigned short> allowedConnections;
   std::map<unsigned short, std::pair<unsigned, unsigned>> automaticConnections;
   // Per type, the automatic id handed out last: ids go round the range, so that an id comes back

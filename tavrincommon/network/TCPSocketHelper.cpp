@@ -22,6 +22,58 @@ using tavrinLog::SeverityLevel;
 
 namespace {
 
+// An outgoing connection that names its peer when the attempt fails: refused or unreachable when
+// the connect completes, or reset before the peer sent a byte. The second is what a peer's
+// overflowing listening queue looks like from here: the handshake seemed to complete and the
+// first frames are answered with a reset. Said once per socket, at Warning: the application
+// retries, but someone looking at a hall where some devices did not come up needs the line.
+class OutgoingTCPSocket final : public TCPSocket {
+ public:
+  OutgoingTCPSocket(tavrinLog::TavrinLogging* logging_, int fd, const SimpleEndpoint& remote_)
+      : TCPSocket(logging_, fd), logging(logging_), remote(remote_) {}
+
+  int send(const void* data, int length) override {
+    const int sent = TCPSocket::send(data, length);
+    if (sent < 0) failed(errno);
+    return sent;
+  }
+  int receive(void* buffer, int length) override {
+    const int received = TCPSocket::receive(buffer, length);
+    if (received > 0) {
+      heardFromPeer = true;
+    } else if (received < 0) {
+      failed(errno);
+    }
+    return received;
+  }
+  bool hasError() const override {
+    int pending = 0;
+    socklen_t length = sizeof pending;
+    if (getsockopt(getFd(), SOL_SOCKET, SO_ERROR, &pending, &length) < 0)
+      return TCPSocket::hasError();  // logs why the question failed
+    if (pending == 0) return false;
+    SOCKET_ERROR(logging, "Failed to connect TCP socket to endpoint %s: %d (%s)!",
+                 SimpleEndpoint::CharString(remote).c_str(), pending, std::strerror(pending));
+    return true;
+  }
+
+ private:
+  void failed(int error) {
+    if (heardFromPeer || resetLogged || error == EAGAIN || error == EWOULDBLOCK || error == EINTR)
+      return;
+    resetLogged = true;
+    TAVRIN_LOG(logging, DefaultOrigins::Sockets, SeverityLevel::Warning,
+               "Connection to endpoint %s ended before the peer sent anything: %d (%s)!",
+               SimpleEndpoint::CharString(remote).c_str(), error, std::strerror(error));
+    errno = error;
+  }
+
+  tavrinLog::TavrinLogging* logging;
+  SimpleEndpoint remote;
+  bool heardFromPeer = false;
+  bool resetLogged = false;
+};
+
 void enableMptcp(int fd, const SimpleEndpoint& endpoint, tavrinLog::TavrinLogging* logging) {
   if (!TCPSocket::setMptcp(fd, logging)) {
     const int error = errno;
@@ -33,7 +85,7 @@ void enableMptcp(int fd, const SimpleEndpoint& endpoint, tavrinLog::TavrinLoggin
 }  // namespace
 
 std::unique_ptr<TCPSocketInterface> TCPSocketHelper::createListenSocket(
-    const SimpleEndpoint& at, bool mptcp, tavrinLog::TavrinLogging* logging) {
+    const SimpleEndpoint& at, bool mptcp, tavrinLog::TavrinLogging* logging, int backlog) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     const int error = errno;
@@ -50,7 +102,7 @@ std::unique_ptr<TCPSocketInterface> TCPSocketHelper::createListenSocket(
     ::close(fd);
     return nullptr;
   }
-  if (listen(fd, 1) < 0) {
+  if (listen(fd, backlog > 0 ? backlog : kDefaultListenBacklog) < 0) {
     const int error = errno;
     SOCKET_ERROR(logging, "Failed to listen to server socket at %s (%d (%s))!",
                  SimpleEndpoint::CharString(at).c_str(), error, std::strerror(error));
@@ -135,7 +187,7 @@ std::unique_ptr<TCPSocketInterface> TCPSocketHelper::connectToServer(
     ::close(fd);
     return nullptr;
   }
-  return std::make_unique<TCPSocket>(logging, fd);
+  return std::make_unique<OutgoingTCPSocket>(logging, fd, remote);
 }
 
 bool TCPSocketHelper::isMptcpEnabled(int fd, tavrinLog::TavrinLogging* logging) {

@@ -131,8 +131,42 @@ TEST_F(TCPSocketHelperTest, RefusedConnectShowsAsPendingError) {
   EXPECT_FALSE(connectedNow);
   ASSERT_TRUE(waitFor(client->getFd(), POLLOUT));
   EXPECT_TRUE(client->hasError());
-  EXPECT_TRUE(log.contains("hasError(): Error on socket " + std::to_string(client->getFd()) + ": " +
-                           std::to_string(ECONNREFUSED) + " (Connection refused)!"))
+  EXPECT_TRUE(log.contains("Sockets: Error: Failed to connect TCP socket to endpoint " +
+                           closed.toString() + ": " + std::to_string(ECONNREFUSED) +
+                           " (Connection refused)!"))
+      << log.text();
+}
+
+TEST_F(TCPSocketHelperTest, ResetBeforeThePeerSpokeIsAWarningWithThePeer) {
+  auto server = listenOnLoopback();
+  ASSERT_TRUE(server);
+  const SimpleEndpoint serverEndpoint = server->getBoundEndpoint();
+  // The first peer resets at once; the second says something first, and its reset is the end of
+  // an ordinary connection.
+  for (const bool speaksFirst : {false, true}) {
+    bool connectedNow = false;
+    auto client = TCPSocketHelper::connectToServer(serverEndpoint, kLoopback, connectedNow, false,
+                                                   log.logging());
+    ASSERT_TRUE(client);
+    ASSERT_TRUE(waitFor(server->getFd(), POLLIN));
+    SimpleEndpoint peer;
+    auto accepted = TCPSocketHelper::acceptClient(server.get(), peer, nullptr);
+    ASSERT_TRUE(accepted);
+    char buffer[8];
+    if (speaksFirst) {
+      ASSERT_EQ(accepted->send("hi", 2), 2);
+      ASSERT_TRUE(waitFor(client->getFd(), POLLIN));
+      ASSERT_EQ(client->receive(buffer, sizeof buffer), 2);
+    }
+    accepted.reset();  // closes abortively: a reset
+    ASSERT_TRUE(waitFor(client->getFd(), POLLIN));
+    EXPECT_EQ(client->receive(buffer, sizeof buffer), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_EQ(client->send("x", 1), -1);
+  }
+  EXPECT_EQ(log.count("Sockets: Warning: Connection to endpoint " + serverEndpoint.toString() +
+                      " ended before the peer sent anything: " + std::to_string(ECONNRESET)),
+            1u)
       << log.text();
 }
 

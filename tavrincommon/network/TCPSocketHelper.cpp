@@ -29,8 +29,9 @@ namespace {
 // retries, but someone looking at a hall where some devices did not come up needs the line.
 class OutgoingTCPSocket final : public TCPSocket {
  public:
-  OutgoingTCPSocket(tavrinLog::TavrinLogging* logging_, int fd, const SimpleEndpoint& remote_)
-      : TCPSocket(logging_, fd), logging(logging_), remote(remote_) {}
+  OutgoingTCPSocket(tavrinLog::TavrinLogging* logging_, int descriptor,
+                    const SimpleEndpoint& remote_)
+      : TCPSocket(logging_, descriptor), logging(logging_), remote(remote_) {}
 
   int send(const void* data, int length) override {
     const int sent = TCPSocket::send(data, length);

@@ -12,6 +12,7 @@ mkdir -p "$2"
 build=$(cd "$2" && pwd)
 shift 2
 toolchain=${1:-}
+[ -z "$toolchain" ] || toolchain=$(cd "$(dirname "$toolchain")" && pwd)/$(basename "$toolchain")
 [ $# -gt 0 ] && shift
 # The rest, if any, is the command that runs target programs.
 

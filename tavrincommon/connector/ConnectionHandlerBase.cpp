@@ -76,7 +76,18 @@ void ConnectionHandlerBase::setFunctionsSafely(SendFunction send, DisconnectFunc
   disconnectFunction = disconnect ? std::move(disconnect) : DisconnectFunction([](int) {});
 }
 
-void ConnectionHandlerBase::clearSendAndDisconnectFunctions() { setFunctionsSafely({}, {}); }
+void ConnectionHandlerBase::clearSendAndDisconnectFunctions() {
+  setFunctionsSafely({}, {});
+  messageSource = nullptr;
+}
+
+std::unique_ptr<OutputMessage> ConnectionHandlerBase::createMessage(unsigned payloadSize) {
+  if (messageSource) {
+    std::unique_ptr<OutputMessage> message = messageSource(payloadSize);
+    if (message) return message;
+  }
+  return std::make_unique<OutputMessage>(payloadSize);
+}
 
 void ConnectionHandlerBase::clearConnectionData() {
   clusterId = kNoConnectionId;

@@ -23,6 +23,8 @@ class ConnectionHandlerBase {
   // Takes a message with its payload written, not finalized.
   using SendFunction = std::function<void(std::unique_ptr<OutputMessage>&&)>;
   using DisconnectFunction = std::function<void(int reason)>;
+  // Hands out a message to fill with a payload of the given size.
+  using MessageSource = std::function<std::unique_ptr<OutputMessage>(unsigned payloadSize)>;
 
   static constexpr unsigned kNoConnectionId = 0xFFFFFFFFu;
 
@@ -49,6 +51,13 @@ class ConnectionHandlerBase {
   void moveConnection(unsigned int remoteConnectionId_, unsigned int remoteDeviceId_,
                       tavrinNetwork::SimpleEndpoint remoteEndpoint_, bool mptcp_, bool last,
                       SendFunction send, DisconnectFunction disconnect);
+  // A message to fill and hand to the send function: one that the connection has sent before and
+  // keeps for reuse when there is one (no allocation), else a new one. Either way as new: room
+  // for `payloadSize` bytes, nothing written, not finalized.
+  std::unique_ptr<OutputMessage> createMessage(unsigned payloadSize);
+  // For the connector: where createMessage takes its messages from; empty: always new ones.
+  // Cleared with the send and disconnect functions.
+  void setMessageSource(MessageSource source) { messageSource = std::move(source); }
   // For the application: asks the connector to end the connection (no effect when not connected).
   void requestDisconnect(int reason);
   // Empty functions are replaced by ones that do nothing.
@@ -103,6 +112,7 @@ class ConnectionHandlerBase {
   std::unique_ptr<CustomConnectData> customConnectData;
 
  private:
+  MessageSource messageSource;
   uint32_t maxFrameLength;
 };
 

@@ -79,11 +79,13 @@ void OutputMessage::finalizeMessage(unsigned char type, unsigned int additionalI
     buffer.setOffset(0);
     buffer.setBytes(0, endOffset);
   }
-  buffer.setOffset(0);
-  putUInt8(0xA5);
-  putUInt32(length);
-  putUInt8(type);
-  putUInt32(additionalInfo);
+  // The header's place is there already: written in one go, as every frame sent passes here.
+  char* frame = buffer.getData();
+  frame[0] = static_cast<char>(0xA5);
+  for (unsigned i = 0; i < 4; ++i) frame[1 + i] = static_cast<char>((length >> (8 * i)) & 0xFF);
+  frame[5] = static_cast<char>(type);
+  for (unsigned i = 0; i < 4; ++i)
+    frame[6 + i] = static_cast<char>((additionalInfo >> (8 * i)) & 0xFF);
   buffer.setOffset(endOffset);
   putUInt8(0x5A);
   finalized = true;

@@ -3,6 +3,7 @@
 #include "tavrincommon/common/WrapTS.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/internal/HeapCost.h"
+#include "tavrincommon/connector/internal/RingQueue.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
@@ -38,6 +39,7 @@ SingleTCPConnectionEndpoint::SingleTCPConnectionEndpoint(
             registerSocketEvent(fd, events, std::move(callback));
           },
           [this](int fd, int events) { changeSocketEvent(fd, events); }, logging_),
+      receiveQueue(std::make_unique<internal::RingQueue<std::unique_ptr<InputMessage>>>()),
       idleTimeoutMs(idleTimeoutMs_),
       keepAliveTimeoutMs(keepAliveTimeoutMs_),
       keepAliveTimer(
@@ -53,21 +55,28 @@ bool SingleTCPConnectionEndpoint::isConnected() const {
   return socket && socket->valid();
 }
 
+size_t SingleTCPConnectionEndpoint::getReceiveQueueSize() const { return receiveQueue->size(); }
+
 std::unique_ptr<InputMessage> SingleTCPConnectionEndpoint::fetchReceivedMessage() {
-  if (receiveQueue.empty()) return nullptr;
-  std::unique_ptr<InputMessage> message = std::move(receiveQueue.front());
-  receiveQueue.pop_front();
+  if (receiveQueue->empty()) return nullptr;
+  std::unique_ptr<InputMessage> message = std::move(receiveQueue->front());
+  receiveQueue->pop_front();
   receiveQueueBytes -= internal::heapCost(*message);
-  if (transceiver.isReceivePaused() && receiveQueue.size() <= maxReceiveQueueFrames / 2 &&
-      receiveQueueBytes <= maxReceiveQueueBytes / 2) {
+  if (transceiver.isReceivePaused() && receiveQueue->size() <= maxReceiveQueueFrames / 2 &&
+      receiveHeapBytes() <= maxReceiveQueueBytes / 2) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
                "Receive queue of TCP connection socket %s down to %zu frames (%zu bytes), reading "
                "again",
-               SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str(), receiveQueue.size(),
+               SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str(), receiveQueue->size(),
                receiveQueueBytes);
     transceiver.setReceivePaused(false);
   }
   return message;
+}
+
+// Frames queued and the spare ones kept for reuse: both are what this peer's input holds.
+size_t SingleTCPConnectionEndpoint::receiveHeapBytes() const {
+  return receiveQueueBytes + transceiver.getSpareInputBytes();
 }
 
 void SingleTCPConnectionEndpoint::setReceiveQueueBounds(size_t maxFrames, size_t maxBytes) {
@@ -86,6 +95,7 @@ void SingleTCPConnectionEndpoint::startTimer(int periodMs) {
 }
 
 void SingleTCPConnectionEndpoint::startIdlePeriod() {
+  keepAlivePeriod = false;
   startTimer(idleTimeoutMs >= 1 ? idleTimeoutMs : keepAliveTimeoutMs);
 }
 
@@ -104,8 +114,11 @@ bool SingleTCPConnectionEndpoint::removeLogicalConnection(unsigned int id) {
   return true;
 }
 
+// Called on every read that carries data: while the keep-alive period runs, only its start moves,
+// and the timer, when it expires, arms itself again for what is left of it.
 void SingleTCPConnectionEndpoint::resetKeepAliveTimeout(bool first) {
   if (keepAliveTimeoutMs <= 0) return;
+  const tavrinCommon::MonotonicMs now;
   if (first) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
                "First reset of keep alive timer on TCP connection socket %s, resetting maximum "
@@ -113,7 +126,9 @@ void SingleTCPConnectionEndpoint::resetKeepAliveTimeout(bool first) {
                SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str(), maxKeepAliveTime);
     maxKeepAliveTime = 0;
   } else {
-    const int elapsed = keepAliveTimeoutMs + (tavrinCommon::MonotonicMs() - keepAliveTimer.getDue());
+    const int elapsed = keepAlivePeriod && keepAliveTimer.isArmed()
+                            ? now - tavrinCommon::MonotonicMs(keepAliveStartMs)
+                            : keepAliveTimeoutMs + (now - keepAliveTimer.getDue());
     if (elapsed > maxKeepAliveTime) {
       maxKeepAliveTime = elapsed;
       TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
@@ -123,6 +138,9 @@ void SingleTCPConnectionEndpoint::resetKeepAliveTimeout(bool first) {
                  transceiver.getBytesReceived(), transceiver.getBytesSent());
     }
   }
+  keepAliveStartMs = now.getValue();
+  if (!first && keepAlivePeriod && keepAliveTimer.isArmed()) return;
+  keepAlivePeriod = true;
   startTimer(keepAliveTimeoutMs);
 }
 
@@ -133,6 +151,14 @@ void SingleTCPConnectionEndpoint::dataReceived() {
 }
 
 void SingleTCPConnectionEndpoint::keepAliveTimerExpired() {
+  if (keepAlivePeriod) {
+    const int left = keepAliveTimeoutMs -
+                     (tavrinCommon::MonotonicMs() - tavrinCommon::MonotonicMs(keepAliveStartMs));
+    if (left > 0) {
+      startTimer(left);
+      return;
+    }
+  }
   // A host that opens connections and leaves them idle would otherwise write a line for each.
   TAVRIN_LOG_LIMITED(transceiver.getLogRateLimiter(), logging, kOrigin, SeverityLevel::Service,
                      "Keep alive timer expired on TCP connection socket %s, closing the "
@@ -161,21 +187,21 @@ void SingleTCPConnectionEndpoint::disconnect() {
   keepAliveTimer.stop();
   transceiver.disconnect();
   scheduler->removeIOItem(ioHandle);
-  receiveQueue.clear();
+  receiveQueue->clear();
   receiveQueueBytes = 0;
   logicalConnections.clear();
 }
 
 void SingleTCPConnectionEndpoint::receiveMessage(std::unique_ptr<InputMessage>&& message) {
   receiveQueueBytes += internal::heapCost(*message);
-  receiveQueue.push_back(std::move(message));
-  if (!transceiver.isReceivePaused() &&
-      (receiveQueue.size() >= maxReceiveQueueFrames || receiveQueueBytes >= maxReceiveQueueBytes)) {
+  receiveQueue->push_back(std::move(message));
+  if (!transceiver.isReceivePaused() && (receiveQueue->size() >= maxReceiveQueueFrames ||
+                                         receiveHeapBytes() >= maxReceiveQueueBytes)) {
     ++readPauses;
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
                "Receive queue of TCP connection socket %s holds %zu frames (%zu bytes), pausing "
                "reads",
-               SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str(), receiveQueue.size(),
+               SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str(), receiveQueue->size(),
                receiveQueueBytes);
     transceiver.setReceivePaused(true);
   }
@@ -202,7 +228,7 @@ void SingleTCPConnectionEndpoint::changeSocketEvent(int /*fd*/, int events) {
 void SingleTCPConnectionEndpoint::dump(std::ostream& out, const char* prefix) const {
   out << prefix << SimpleEndpoint::CharString(transceiver.getEndpoint()).c_str() << ": ";
   if (isConnected()) {
-    out << "connected, receive queue size: " << receiveQueue.size()
+    out << "connected, receive queue size: " << receiveQueue->size()
         << ", socket fd: " << transceiver.getSocket()->getFd()
         << ", keepAlive timeout: " << keepAliveTimeoutMs
         << "ms, maxKeepAliveTime: " << maxKeepAliveTime

@@ -9,7 +9,6 @@
 #include "tavrincommon/scheduler/IOWatchItem.h"
 #include "tavrincommon/scheduler/SimpleTimer.h"
 
-#include <deque>
 #include <functional>
 #include <iosfwd>
 #include <memory>
@@ -20,6 +19,11 @@ class Scheduler;
 }
 
 namespace tavrinConnector {
+
+namespace internal {
+template <typename T>
+class RingQueue;
+}  // namespace internal
 
 class SingleTCPConnectionEndpoint {
  public:
@@ -44,6 +48,8 @@ class SingleTCPConnectionEndpoint {
   // ended stay queued until fetched or until disconnect(): the peer's last words (a disconnect
   // with its reason) often come right before its close.
   std::unique_ptr<InputMessage> fetchReceivedMessage();
+  // A fetched frame that its handler has let go, for the transceiver to reuse.
+  void recycle(std::unique_ptr<InputMessage>&& message) { transceiver.recycle(std::move(message)); }
   // 0 restores a default.
   void setReceiveQueueBounds(size_t maxFrames, size_t maxBytes);
   size_t getReceiveQueueBytes() const { return receiveQueueBytes; }
@@ -69,7 +75,7 @@ class SingleTCPConnectionEndpoint {
   TCPTransceiver& getTransceiver() { return transceiver; }
   const TCPTransceiver& getTransceiver() const { return transceiver; }
   bool isConnected() const;
-  size_t getReceiveQueueSize() const { return receiveQueue.size(); }
+  size_t getReceiveQueueSize() const;
   bool isTimerArmed() const { return keepAliveTimer.isArmed(); }
   bool hasTimerFired() const { return keepAliveTimer.hasFired(); }
   int getMaxKeepAliveTime() const { return maxKeepAliveTime; }
@@ -83,6 +89,7 @@ class SingleTCPConnectionEndpoint {
   void startTimer(int periodMs);
   void startIdlePeriod();
   void dataReceived();
+  size_t receiveHeapBytes() const;
 
   tavrinLog::TavrinLogging* logging;
   tavrinScheduler::Scheduler* scheduler;
@@ -91,7 +98,7 @@ class SingleTCPConnectionEndpoint {
   tavrinCommon::CallbackSlot<void()> eventCallback;
   tavrinScheduler::IOWatchHandle ioHandle;
   TCPTransceiver transceiver;
-  std::deque<std::unique_ptr<InputMessage>> receiveQueue;
+  std::unique_ptr<internal::RingQueue<std::unique_ptr<InputMessage>>> receiveQueue;
   size_t receiveQueueBytes = 0;
   size_t maxReceiveQueueFrames = kDefaultMaxReceiveQueueFrames;
   size_t maxReceiveQueueBytes = kDefaultMaxReceiveQueueBytes;
@@ -100,6 +107,10 @@ class SingleTCPConnectionEndpoint {
   int idleTimeoutMs;
   int keepAliveTimeoutMs;
   tavrinScheduler::SimpleTimer keepAliveTimer;
+  // When the keep-alive period was last restarted, in ms of the monotonic clock. Reads only move
+  // this; the timer, armed once per period, finds out on expiry how much of it remains.
+  uint32_t keepAliveStartMs = 0;
+  bool keepAlivePeriod = false;
   int maxKeepAliveTime = 0;
 };
 

@@ -7,6 +7,7 @@
 #include "tavrincommon/connector/SingleTCPConnectionEndpoint.h"
 #include "tavrincommon/connector/TCPTransceiver.h"
 #include "tavrincommon/connector/internal/ConnectorSupport.h"
+#include "tavrincommon/connector/internal/RingQueue.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/network/TCPSocketInterface.h"
@@ -45,8 +46,10 @@ TCPConnectorBase::TCPConnectorBase(tavrinScheduler::Scheduler* scheduler_,
       scheduler(scheduler_),
       logging(logging_),
       generalErrorCallback([](ErrorType::Type, const std::string&) {}),
-      keepAliveTimer(scheduler_, timing.keepAliveInterval * 1000, [this] { sendKeepAlives(); },
-                     kOrigin),
+      keepAliveTimer(
+          scheduler_, timing.keepAliveInterval * 1000, [this] { sendKeepAlives(); }, kOrigin),
+      connectionEvents(
+          std::make_unique<internal::RingQueue<std::pair<tavrinNetwork::SimpleEndpoint, bool>>>()),
       maxFrameLength(TCPTransceiver::kDefaultMaxFrameLength) {}
 
 TCPConnectorBase::~TCPConnectorBase() {
@@ -72,7 +75,7 @@ void TCPConnectorBase::releaseAll() {
   tcpConnections.clear();
   tcpConnectionsToDestroy.clear();
   // Closing the connections above may have queued events and scheduled the worker once more.
-  connectionEvents.clear();
+  connectionEvents->clear();
   keepAliveTimer.stop();
   scheduler->removeWorker(this);
   scheduler->disableTimeout(this);
@@ -90,7 +93,7 @@ void TCPConnectorBase::stopAll() {
   disconnectAllConnections(DisconnectReason::shutdown);
   keepAliveTimer.stop();
   scheduler->removeWorker(this);
-  connectionEvents.clear();
+  connectionEvents->clear();
 }
 
 // ---- configuration and lifecycle ----
@@ -277,17 +280,18 @@ void TCPConnectorBase::sendDataMessage(unsigned remoteConnectionId,
 // ---- events and the worker ----
 
 void TCPConnectorBase::setConnectionEvent(const SimpleEndpoint& endpoint, bool force) {
-  connectionEvents.emplace_back(endpoint, force);
+  connectionEvents->emplace_back(endpoint, force);
   scheduler->addWorker(this);
 }
 
 tavrinScheduler::Worker::Result TCPConnectorBase::work() {
   const timespec deadline = monotonicIn(kWorkSliceMs);
-  while (!connectionEvents.empty()) {
-    if (reached(deadline)) break;
-    const SimpleEndpoint endpoint = connectionEvents.front().first;
-    const bool force = connectionEvents.front().second;
-    connectionEvents.pop_front();
+  // The deadline has just been set: the first event needs no look at the clock.
+  for (bool first = true; !connectionEvents->empty(); first = false) {
+    if (!first && reached(deadline)) break;
+    const SimpleEndpoint endpoint = connectionEvents->front().first;
+    const bool force = connectionEvents->front().second;
+    connectionEvents->pop_front();
     auto found = tcpConnections.find(endpoint);
     if (found == tcpConnections.end()) continue;
     // A raw pointer: handlers may retire this connection while its messages are handled, and
@@ -296,7 +300,7 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
     if (!force) {
       // Frames that arrived before a connection ended are handled before it is torn down.
       if (handleReceivedMessages(*connection, deadline) == Continue) {
-        connectionEvents.emplace_back(endpoint, false);
+        connectionEvents->emplace_back(endpoint, false);
         continue;
       }
       if (connection->isConnected() || getTCPConnection(endpoint) != connection) continue;
@@ -313,23 +317,27 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
     retireTCPConnection(endpoint, connection);
   }
   // Moved out first: a destructor that reaches back into the connector finds empty queues.
-  std::deque<std::unique_ptr<ConnectionHandlerBase>> handlers;
-  handlers.swap(handlersToDestroy);
-  handlers.clear();
-  std::deque<std::unique_ptr<SingleTCPConnectionEndpoint>> connections;
-  connections.swap(tcpConnectionsToDestroy);
-  connections.clear();
+  if (!handlersToDestroy.empty()) {
+    std::vector<std::unique_ptr<ConnectionHandlerBase>> handlers;
+    handlers.swap(handlersToDestroy);
+    handlers.clear();
+  }
+  if (!tcpConnectionsToDestroy.empty()) {
+    std::vector<std::unique_ptr<SingleTCPConnectionEndpoint>> connections;
+    connections.swap(tcpConnectionsToDestroy);
+    connections.clear();
+  }
   peerLogLimiter.flush(logging);
   // Destroying a connection whose socket was still open queues one last event for it; the
   // connection is gone, so the event would only cost another run.
-  while (!connectionEvents.empty() &&
-         tcpConnections.find(connectionEvents.back().first) == tcpConnections.end())
-    connectionEvents.pop_back();
-  if (connectionEvents.empty()) return Finished;
+  while (!connectionEvents->empty() &&
+         tcpConnections.find(connectionEvents->back().first) == tcpConnections.end())
+    connectionEvents->pop_back();
+  if (connectionEvents->empty()) return Finished;
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
              "Worker took more than %dms. Yielding execution and scheduling another run to "
              "continue work (%d events remaining)",
-             kWorkSliceMs, static_cast<int>(connectionEvents.size()));
+             kWorkSliceMs, static_cast<int>(connectionEvents->size()));
   return Continue;
 }
 
@@ -341,6 +349,16 @@ ConnectionHandlerBase::SendFunction TCPConnectorBase::makeSendFunction(const Sim
     auto found = tcpConnections.find(peer);
     if (found != tcpConnections.end())
       sendDataMessage(remoteConnectionId, *found->second, std::move(message));
+  };
+}
+
+// Looked up on every call, as the send function does: spares of a retired connection are gone.
+ConnectionHandlerBase::MessageSource TCPConnectorBase::makeMessageSource(
+    const SimpleEndpoint& peer) {
+  return [this, peer](unsigned payloadSize) -> std::unique_ptr<OutputMessage> {
+    auto found = tcpConnections.find(peer);
+    if (found == tcpConnections.end()) return nullptr;
+    return found->second->getTransceiver().takeOutputMessage(payloadSize);
   };
 }
 
@@ -375,6 +393,7 @@ void TCPConnectorBase::finalizeConnection(std::unique_ptr<ConnectionHandlerBase>
   ConnectionHandlerBase* handler = slot->second.get();
   connection.addLogicalConnection(connectionId);
   const SimpleEndpoint peer = peerOf(connection);
+  handler->setMessageSource(makeMessageSource(peer));
   handler->connected(clusterId, connectionId, automatic, remoteConnectionId, remoteDeviceId, peer,
                      connection.isMptcpEnabled(), std::move(data),
                      makeSendFunction(peer, remoteConnectionId),

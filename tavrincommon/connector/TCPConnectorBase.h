@@ -20,7 +20,6 @@
 
 #include <cstdint>
 #include <ctime>
-#include <deque>
 #include <functional>
 #include <iosfwd>
 #include <map>
@@ -40,6 +39,11 @@ class Scheduler;
 }
 
 namespace tavrinConnector {
+
+namespace internal {
+template <typename T>
+class RingQueue;
+}  // namespace internal
 
 class InputMessage;
 class OutputMessage;
@@ -252,6 +256,8 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   ConnectionHandlerBase::SendFunction makeSendFunction(const tavrinNetwork::SimpleEndpoint& peer,
                                                        unsigned remoteConnectionId);
   ConnectionHandlerBase::DisconnectFunction makeDisconnectFunction(unsigned connectionId);
+  // Where its handlers take the messages they send: the TCP connection's spare ones.
+  ConnectionHandlerBase::MessageSource makeMessageSource(const tavrinNetwork::SimpleEndpoint& peer);
   void sendKeepAlives();
 
   // A new TCP connection of this connector, with its event callback, timing and frame bound.
@@ -329,9 +335,12 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   bool echoesOwnReplaceAndMove = false;
   tavrinScheduler::SimpleTimer keepAliveTimer;
   std::map<unsigned, PendingConnectionData> pendingConnections;
-  std::deque<std::pair<tavrinNetwork::SimpleEndpoint, bool>> connectionEvents;
-  std::deque<std::unique_ptr<ConnectionHandlerBase>> handlersToDestroy;
-  std::deque<std::unique_ptr<SingleTCPConnectionEndpoint>> tcpConnectionsToDestroy;
+  // A ring rather than a deque: an event per read burst would otherwise allocate a block every
+  // few dozen bursts.
+  std::unique_ptr<internal::RingQueue<std::pair<tavrinNetwork::SimpleEndpoint, bool>>>
+      connectionEvents;
+  std::vector<std::unique_ptr<ConnectionHandlerBase>> handlersToDestroy;
+  std::vector<std::unique_ptr<SingleTCPConnectionEndpoint>> tcpConnectionsToDestroy;
   uint32_t maxFrameLength;
   ConnectionLimits limits;
   BoundCounters boundCounters;

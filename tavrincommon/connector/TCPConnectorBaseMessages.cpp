@@ -58,10 +58,13 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
     SingleTCPConnectionEndpoint& connection, const timespec& deadline) {
   if (connection.getReceiveQueueSize() == 0) return Finished;
   const SimpleEndpoint peer = peerOf(connection);
-  while (!reached(deadline)) {
-    // Checked on every turn: handlers may retire the connection meanwhile (it lives until the end
-    // of the worker's run), and the frames of a retired connection go with it.
-    if (getTCPConnection(peer) != &connection) return Finished;
+  // The worker has looked at the clock just before: the first frame is handled without another
+  // look, which would cost as much as handling a small one.
+  for (bool first = true; first || !reached(deadline); first = false) {
+    // Checked after every handled frame (the worker has just found it for the first): handlers
+    // may retire the connection meanwhile (it lives until the end of the worker's run), and the
+    // frames of a retired connection go with it.
+    if (!first && getTCPConnection(peer) != &connection) return Finished;
     std::unique_ptr<InputMessage> message = connection.fetchReceivedMessage();
     if (!message) return Finished;
     const unsigned type = message->getType();
@@ -115,7 +118,8 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
             static_cast<unsigned>(message->getLength()));
         break;
     }
-    message.reset();
+    // Unless a handler kept it, the frame goes back to its connection for the next one.
+    connection.recycle(std::move(message));
     if (connection.getReceiveQueueSize() == 0) return Finished;
   }
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,

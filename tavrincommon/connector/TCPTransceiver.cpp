@@ -3,6 +3,8 @@
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/connector/internal/HeapCost.h"
+#include "tavrincommon/connector/internal/MessageSpares.h"
+#include "tavrincommon/connector/internal/RingQueue.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
@@ -47,21 +49,23 @@ bool isTransient(int error) { return error == EAGAIN || error == EWOULDBLOCK || 
 
 }  // namespace
 
-TCPTransceiver::TCPTransceiver(const SimpleEndpoint& peer,
-                               std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket_,
-                               bool connected_, ReceiveCallback receiveCallback_,
-                               std::function<void()> dataReceivedCallback_,
-                               std::function<void()> disconnectedCallback_,
-                               RegisterSocketEvent registerSocketEvent_,
-                               ChangeSocketEvent changeSocketEvent_,
-                               tavrinLog::TavrinLogging* logging_)
+TCPTransceiver::TCPTransceiver(
+    const SimpleEndpoint& peer, std::unique_ptr<tavrinNetwork::TCPSocketInterface>&& socket_,
+    bool connected_, ReceiveCallback receiveCallback_, std::function<void()> dataReceivedCallback_,
+    std::function<void()> disconnectedCallback_, RegisterSocketEvent registerSocketEvent_,
+    ChangeSocketEvent changeSocketEvent_, tavrinLog::TavrinLogging* logging_)
     : logging(logging_),
       endpoint(peer),
       registerSocketEvent(orNothing(std::move(registerSocketEvent_))),
       changeSocketEvent(orNothing(std::move(changeSocketEvent_))),
       socket(std::move(socket_)),
       connected(connected_),
-      receiveBuffer(MessageBuffer::DEFAULT_INIT_SIZE) {
+      receiveBuffer(MessageBuffer::DEFAULT_INIT_SIZE),
+      sendQueue(std::make_unique<internal::RingQueue<std::unique_ptr<OutputMessage>>>()),
+      spareOutput(std::make_unique<internal::SparePool<OutputMessage>>(kMaxSpareOutputMessages,
+                                                                       kMaxSpareOutputBytes)),
+      spareInput(std::make_unique<internal::SparePool<InputMessage>>(kMaxSpareInputMessages,
+                                                                     kMaxSpareInputBytes)) {
   setCallbacks(std::move(receiveCallback_), std::move(dataReceivedCallback_),
                std::move(disconnectedCallback_));
   if (!socket) return;
@@ -70,6 +74,27 @@ TCPTransceiver::TCPTransceiver(const SimpleEndpoint& peer,
 }
 
 TCPTransceiver::~TCPTransceiver() { disconnect(); }
+
+size_t TCPTransceiver::getSendQueueSize() const { return sendQueue->size(); }
+
+size_t TCPTransceiver::getSpareInputBytes() const { return spareInput->heapBytes(); }
+
+void TCPTransceiver::recycle(std::unique_ptr<InputMessage>&& message) {
+  // A closed connection receives nothing more.
+  if (!message || !socket || !socket->valid()) return;
+  message->clearMessage();
+  spareInput->give(std::move(message));
+}
+
+std::unique_ptr<OutputMessage> TCPTransceiver::takeOutputMessage(unsigned payloadSize) {
+  const size_t frameSize = static_cast<size_t>(payloadSize) + kMinFrameLength;
+  std::unique_ptr<OutputMessage> message = spareOutput->take(frameSize);
+  if (!message) return std::make_unique<OutputMessage>(payloadSize);
+  message->clear();
+  // Room for the payload and the end delimiter, as a new message of that size has.
+  message->getBuffer().reserveExact(payloadSize + 1);
+  return message;
+}
 
 void TCPTransceiver::setCallbacks(ReceiveCallback receiveCallback_,
                                   std::function<void()> dataReceivedCallback_,
@@ -297,9 +322,17 @@ bool TCPTransceiver::deliverFrame() {
         SimpleEndpoint::CharString(endpoint).c_str());
     return false;
   }
-  // The buffer's storage passes to the message; the next frame's storage is allocated when its
-  // header tells its size.
-  auto message = std::make_unique<InputMessage>(std::move(receiveBuffer), true);
+  // The buffer's storage passes to the message. A spare message hands its storage over for the
+  // next frame; without one, that storage is allocated when the next header tells its size.
+  std::unique_ptr<InputMessage> message = spareInput->take(receiveBuffer.getDataLength());
+  if (message) {
+    std::swap(message->buffer, receiveBuffer);
+    receiveBuffer.clear();
+    message->verifyMessage();
+    message->reset();
+  } else {
+    message = std::make_unique<InputMessage>(std::move(receiveBuffer), true);
+  }
   if (!message->isValid()) {
     TAVRIN_LOG_LIMITED(
         rateLimiter, logging, kOrigin, SeverityLevel::Service,
@@ -316,27 +349,28 @@ bool TCPTransceiver::deliverFrame() {
 void TCPTransceiver::send(std::unique_ptr<OutputMessage>&& message) {
   if (!message || !socket || !socket->valid() || !message->isFinalized()) return;
   const size_t cost = internal::heapCost(*message);
-  if (!sendQueue.empty() && sendQueueBytes + cost > maxSendQueueBytes) {
+  // Spare sent messages are heap this connection holds for sending too.
+  if (!sendQueue->empty() && sendQueueBytes + spareOutput->heapBytes() + cost > maxSendQueueBytes) {
     TAVRIN_LOG_LIMITED(rateLimiter, logging, kOrigin, SeverityLevel::Service,
                        "Send queue of TCP connection socket %s holds %zu bytes in %zu messages, "
                        "more than its bound of %zu bytes: the peer does not read, closing the "
                        "connection!",
                        SimpleEndpoint::CharString(endpoint).c_str(), sendQueueBytes,
-                       sendQueue.size(), maxSendQueueBytes);
+                       sendQueue->size(), maxSendQueueBytes);
     closedAsSlowConsumer = true;
     disconnect();
     return;
   }
-  sendQueue.push_back(std::move(message));
+  sendQueue->push_back(std::move(message));
   sendQueueBytes += cost;
-  if (sendQueue.size() > 1 || !connected) return;
+  if (sendQueue->size() > 1 || !connected) return;
   sendOffset = 0;
   if (!send()) disconnect();
 }
 
 bool TCPTransceiver::send() {
-  while (!sendQueue.empty()) {
-    const OutputMessage& front = *sendQueue.front();
+  while (!sendQueue->empty()) {
+    const OutputMessage& front = *sendQueue->front();
     const unsigned k = front.getFrameLength() - sendOffset;
     int r = socket->send(front.getData() + sendOffset, static_cast<int>(k));
     if (r < 0) {
@@ -362,7 +396,8 @@ bool TCPTransceiver::send() {
       return true;
     }
     sendQueueBytes -= internal::heapCost(front);
-    sendQueue.pop_front();
+    spareOutput->give(std::move(sendQueue->front()));
+    sendQueue->pop_front();
     sendOffset = 0;
   }
   setSocketOutputEventEnable(false);
@@ -379,8 +414,10 @@ void TCPTransceiver::disconnect() {
   receiveBuffer.clear();
   waitingForHeader = false;
   remainingBytes = 0;
-  sendQueue.clear();
+  sendQueue->clear();
   sendQueueBytes = 0;
+  spareOutput->clear();
+  spareInput->clear();
   sendOffset = 0;
   connected = false;
   receivePaused = false;

@@ -12,7 +12,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 
@@ -28,6 +27,12 @@ namespace tavrinConnector {
 
 class InputMessage;
 class OutputMessage;
+namespace internal {
+template <typename Message>
+class SparePool;
+template <typename T>
+class RingQueue;
+}  // namespace internal
 
 class TCPTransceiver {
  public:
@@ -51,6 +56,13 @@ class TCPTransceiver {
   // then take one allocation, and a header alone still holds no more than this (4 MiB across a
   // master's default connection limit). Larger frames grow with the bytes that arrive.
   static constexpr uint32_t kEagerFrameStorage = 16 * 1024;
+  // Spare messages kept per connection for reuse, and the heap they may hold. Received frames
+  // come in bursts of up to a thousand small ones (the receive queue's bound); sent ones are
+  // written as they come.
+  static constexpr size_t kMaxSpareInputMessages = 1024;
+  static constexpr size_t kMaxSpareInputBytes = 256 * 1024;
+  static constexpr size_t kMaxSpareOutputMessages = 16;
+  static constexpr size_t kMaxSpareOutputBytes = 128 * 1024;
 
   // `connected`: false while a non-blocking connect is pending. Registers the socket at once.
   TCPTransceiver(const tavrinNetwork::SimpleEndpoint& peer,
@@ -73,6 +85,14 @@ class TCPTransceiver {
   void disconnect();
   // The function registered with the event loop.
   tavrinScheduler::IOWatchItem::Result socketCallback(int events);
+
+  // Messages are reused per connection: a received frame given back once handled, and a message
+  // to send that is taken here, save their allocations. A taken message is as new: empty payload,
+  // not finalized. Spares are bounded (count and heap) and counted in the send and receive bounds.
+  void recycle(std::unique_ptr<InputMessage>&& message);
+  std::unique_ptr<OutputMessage> takeOutputMessage(unsigned payloadSize);
+  // Heap held by spare received frames (the receive queue's bound counts it).
+  size_t getSpareInputBytes() const;
 
   // At least the smallest frame (11 bytes); applies from the next frame header on.
   void setMaxFrameLength(uint32_t maxFrameLength_);
@@ -98,7 +118,7 @@ class TCPTransceiver {
   const tavrinNetwork::SimpleEndpoint& getEndpoint() const { return endpoint; }
   tavrinNetwork::TCPSocketInterface* getSocket() const { return socket.get(); }
   bool isConnected() const { return connected; }
-  size_t getSendQueueSize() const { return sendQueue.size(); }
+  size_t getSendQueueSize() const;
   uint32_t getBytesSent() const { return bytesSent; }
   uint32_t getBytesReceived() const { return bytesReceived; }
 
@@ -133,7 +153,10 @@ class TCPTransceiver {
   // Header, payload and delimiters of the frame being assembled, as its header declares.
   uint64_t frameLength = 0;
   bool outputEventEnabled = false;
-  std::deque<std::unique_ptr<OutputMessage>> sendQueue;
+  // Holds, and its spare sent messages count in, the send queue's heap.
+  std::unique_ptr<internal::RingQueue<std::unique_ptr<OutputMessage>>> sendQueue;
+  std::unique_ptr<internal::SparePool<OutputMessage>> spareOutput;
+  std::unique_ptr<internal::SparePool<InputMessage>> spareInput;
   size_t sendQueueBytes = 0;
   size_t maxSendQueueBytes = kDefaultMaxSendQueueBytes;
   bool receivePaused = false;

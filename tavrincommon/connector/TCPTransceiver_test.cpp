@@ -60,6 +60,11 @@ class TCPTransceiverTest : public ::testing::Test {
           received.push_back(std::string(message->buffer.getData(),
                                          message->buffer.getDataLength()));
           EXPECT_TRUE(message->isValid());
+          // As a connector does: a frame its handler let go goes back for reuse.
+          if (recycleEveryOther && received.size() % 2 == 0)
+            transceiver->recycle(std::move(message));
+          else if (recycleEveryOther)
+            kept.push_back(std::move(message));
           if (disconnectOnReceive) transceiver->disconnect();
         },
         [this] { ++dataReceived; }, [this] { ++disconnected; },
@@ -89,6 +94,8 @@ class TCPTransceiverTest : public ::testing::Test {
   int dataReceived = 0;
   int disconnected = 0;
   bool disconnectOnReceive = false;
+  bool recycleEveryOther = false;
+  std::vector<std::unique_ptr<InputMessage>> kept;
   // Last: its destructor still reports to the members above.
   std::unique_ptr<TCPTransceiver> transceiver;
 };
@@ -123,6 +130,25 @@ TEST_F(TCPTransceiverTest, DeliversEveryFrameOfAReadInOrderAndKeepsTheRest) {
   readable();
   ASSERT_EQ(received.size(), 4u);
   EXPECT_EQ(received[3], d);
+}
+
+TEST_F(TCPTransceiverTest, ReusedFrameStorageNeverReachesAMessageStillHeld) {
+  make(true);
+  recycleEveryOther = true;
+  std::vector<std::string> frames;
+  for (unsigned i = 0; i < 8; ++i) frames.push_back(frameOf(4, i, std::string(i * 3, 'a' + i)));
+  fake->addChunk(frames[0] + frames[1] + frames[2] + frames[3]);
+  readable();
+  fake->addChunk(frames[4] + frames[5] + frames[6] + frames[7]);
+  readable();
+  ASSERT_EQ(received, frames);
+  ASSERT_EQ(kept.size(), 4u);
+  for (unsigned i = 0; i < 4; ++i)
+    EXPECT_EQ(std::string(kept[i]->buffer.getData(), kept[i]->buffer.getDataLength()),
+              frames[2 * i]);
+  EXPECT_GT(transceiver->getSpareInputBytes(), 0u);
+  transceiver->disconnect();
+  EXPECT_EQ(transceiver->getSpareInputBytes(), 0u);
 }
 
 TEST_F(TCPTransceiverTest, LargeFrameReadIntoItsStorageStopsAtItsLastByte) {

@@ -28,10 +28,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <future>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,6 +52,25 @@
 #ifdef TAVRIN_PEER_ZMQ
 #include <zmq.h>
 #endif
+
+namespace {
+
+// operator new calls per side: the benchmark's thread (the slave, or the sending peer) and the
+// master's thread; anything else (peers' I/O threads) counts as other.
+enum AllocationSide { kSlaveSide, kMasterSide, kOtherSide };
+std::atomic<uint64_t> allocationCounts[3];
+thread_local int allocationSide = kOtherSide;
+
+}  // namespace
+
+// Out of line, so that the compiler does not pair a new it inlined with a free it sees.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  allocationCounts[allocationSide].fetch_add(1, std::memory_order_relaxed);
+  if (void* p = std::malloc(size ? size : 1)) return p;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -76,10 +97,23 @@ double processCpuSeconds() {
   return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
 }
 
-// Wall-clock and process CPU time over a benchmark's loop, turned into its counters.
+// Wall-clock and process CPU time over a benchmark's loop, turned into its counters, and the
+// allocations of the connector's two sides.
 class Meter {
  public:
-  Meter() : wallStart(Clock::now()), cpuStart(processCpuSeconds()) {}
+  Meter()
+      : wallStart(Clock::now()),
+        cpuStart(processCpuSeconds()),
+        slaveAllocations(allocationCounts[kSlaveSide].load()),
+        masterAllocations(allocationCounts[kMasterSide].load()) {}
+
+  void allocations(benchmark::State& state, double messages) const {
+    if (messages <= 0) return;
+    state.counters["allocs/msg_slave"] =
+        static_cast<double>(allocationCounts[kSlaveSide].load() - slaveAllocations) / messages;
+    state.counters["allocs/msg_master"] =
+        static_cast<double>(allocationCounts[kMasterSide].load() - masterAllocations) / messages;
+  }
 
   void throughput(benchmark::State& state, double messages, size_t payload) const {
     const double wall = std::chrono::duration<double>(Clock::now() - wallStart).count();
@@ -100,6 +134,8 @@ class Meter {
  private:
   Clock::time_point wallStart;
   double cpuStart;
+  uint64_t slaveAllocations;
+  uint64_t masterAllocations;
 };
 
 void pinSelfToCpu0() {
@@ -143,8 +179,10 @@ struct MasterSide {
   uint64_t checksum = 0;
 };
 
-void sendPayload(const ConnectionHandlerBase::SendFunction& send, const char* data, size_t n) {
-  auto message = std::make_unique<OutputMessage>(static_cast<unsigned>(n));
+// The message comes from the connection's spare ones, as a handler that sends much takes it.
+void sendPayload(ConnectionHandlerBase& handler, const ConnectionHandlerBase::SendFunction& send,
+                 const char* data, size_t n) {
+  std::unique_ptr<OutputMessage> message = handler.createMessage(static_cast<unsigned>(n));
   message->getBuffer().write(data, static_cast<unsigned>(n));
   send(std::move(message));
 }
@@ -164,7 +202,7 @@ class SinkHandler : public ConnectionHandlerBase {
     unsigned n = 0;
     const char* data = payloadOf(*message, n);
     if (side.echo) {
-      sendPayload(sendFunction, data, n);
+      sendPayload(*this, sendFunction, data, n);
       return;
     }
     // Touch what a real handler would read: the header's info and the payload.
@@ -172,7 +210,8 @@ class SinkHandler : public ConnectionHandlerBase {
     if (n != side.payload) side.wrongSize.fetch_add(1, std::memory_order_relaxed);
     const uint64_t count = side.received.load(std::memory_order_relaxed) + 1;
     side.received.store(count, std::memory_order_relaxed);
-    if (count == side.acknowledgeAt.load(std::memory_order_acquire)) sendPayload(sendFunction, data, 1);
+    if (count == side.acknowledgeAt.load(std::memory_order_acquire))
+      sendPayload(*this, sendFunction, data, 1);
   }
   unsigned short getType() const override { return kType; }
   unsigned short getVersion() const override { return 1; }
@@ -191,7 +230,7 @@ class SourceHandler : public ConnectionHandlerBase {
  public:
   explicit SourceHandler(size_t payload) : bytes(payload, 'x') {}
 
-  void sendOne() { sendPayload(sendFunction, bytes.data(), bytes.size()); }
+  void sendOne() { sendPayload(*this, sendFunction, bytes.data(), bytes.size()); }
   void receive(std::unique_ptr<InputMessage>&& message) override {
     unsigned n = 0;
     benchmark::DoNotOptimize(payloadOf(*message, n));
@@ -220,7 +259,9 @@ class ConnectorPair {
     side.payload = payload;
     std::promise<tavrinNetwork::SimpleEndpoint> listening;
     auto listeningAt = listening.get_future();
+    allocationSide = kSlaveSide;
     masterThread = std::thread([this, pinMaster, &listening] {
+      allocationSide = kMasterSide;
       if (pinMaster) pinSelfToCpu0();
       tavrinScheduler::Scheduler masterScheduler(nullptr);
       tavrinConnector::TCPConnectorMaster master(&masterScheduler, nullptr);
@@ -308,8 +349,8 @@ void connectorData(benchmark::State& state, size_t payload) {
   TCPTransceiver& transceiver = *pair.transceiver;
   const int fd = transceiver.getSocket()->getFd();
   uint64_t expected = 0;
-  const Meter meter;
-  for (auto _ : state) {
+  // `count` messages, acknowledged by the master once it has them all.
+  auto batch = [&] {
     expected += static_cast<uint64_t>(count);
     pair.side.acknowledgeAt.store(expected, std::memory_order_release);
     const uint64_t repliesBefore = source.replies;
@@ -324,15 +365,28 @@ void connectorData(benchmark::State& state, size_t payload) {
       }
       if (sent < count && !waitWritable(fd)) break;
       pair.turn(sent < count ? 0 : 100);
-      if (sent < count) giveUp = Clock::now() + std::chrono::milliseconds(kSilenceMs);
-      else if (Clock::now() > giveUp) break;
+      if (sent < count)
+        giveUp = Clock::now() + std::chrono::milliseconds(kSilenceMs);
+      else if (Clock::now() > giveUp)
+        break;
     }
-    if (source.replies == repliesBefore) {
+    return source.replies != repliesBefore;
+  };
+  // The first batch fills the connection's spare messages and queues to their working size.
+  if (!batch()) {
+    state.SkipWithError("the master stopped acknowledging");
+    return;
+  }
+  const uint64_t warmUp = expected;
+  const Meter meter;
+  for (auto _ : state) {
+    if (!batch()) {
       state.SkipWithError("the master stopped acknowledging");
       return;
     }
   }
-  meter.throughput(state, static_cast<double>(expected), payload);
+  meter.throughput(state, static_cast<double>(expected - warmUp), payload);
+  meter.allocations(state, static_cast<double>(expected - warmUp));
   if (pair.side.received.load() != expected || pair.side.wrongSize.load() != 0)
     state.SkipWithError("messages lost or damaged");
 }
@@ -352,6 +406,7 @@ void connectorRoundTrip(benchmark::State& state) {
     }
   }
   meter.roundTrips(state, static_cast<double>(state.iterations() * kRoundTrips));
+  meter.allocations(state, static_cast<double>(state.iterations() * kRoundTrips));
 }
 
 // ---- bare TCP: the same frames with nothing but the sockets ----

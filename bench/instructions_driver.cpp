@@ -34,13 +34,14 @@ unsigned long long allocations = 0;
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Out of line, so that the compiler does not pair a new it inlined with a free it sees.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   ++allocations;
   if (void* p = std::malloc(size ? size : 1)) return p;
   throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -74,7 +75,7 @@ class Source : public ConnectionHandlerBase {
  public:
   explicit Source(size_t payload) : bytes(payload, 'x') {}
   void sendOne() {
-    auto message = std::make_unique<OutputMessage>(static_cast<unsigned>(bytes.size()));
+    std::unique_ptr<OutputMessage> message = createMessage(static_cast<unsigned>(bytes.size()));
     message->getBuffer().write(bytes.data(), static_cast<unsigned>(bytes.size()));
     sendFunction(std::move(message));
   }

@@ -357,6 +357,29 @@ TEST_F(TCPConnectorMasterTest, AcceptFactoryMayDisableOrDestroyTheMaster) {
   }
 }
 
+// A slave that ends its connections and resets at once: the master's answer to the first
+// disconnect meets the reset while the later disconnects still wait in the socket. Each must
+// still end its connection with its own reason.
+TEST_F(TCPConnectorMasterTest, DisconnectsStillInTheSocketAtAResetKeepTheirReasons) {
+  master.addAllowedConnection(13, 5);
+  master.addAllowedConnection(14, 5);
+  for (uint32_t id : {12u, 13u, 14u}) send(frame(3, 8, connectPayload(id, 5, id + 60, 1, {1})));
+  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return record->count("connected") == 3; }));
+  const std::string shutdown = Bytes().u32(static_cast<uint32_t>(-1)).data;
+  send(frame(6, 12, shutdown));
+  // The IO part of a turn only: the first disconnect is read, its handling waits for the worker.
+  scheduler.getIOWatcher().watch(tavrinCommon::MonotonicMs() + 100, &scheduler.getLoopMutex());
+  send(frame(6, 13, shutdown) + frame(6, 14, shutdown));
+  peer->reset();
+  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] {
+    return record->count("disconnected") == 3;
+  })) << log.text();
+  const std::map<unsigned, int> expected{{12, DisconnectReason::shutdown},
+                                         {13, DisconnectReason::shutdown},
+                                         {14, DisconnectReason::shutdown}};
+  EXPECT_EQ(record->reasons(), expected) << log.text();
+}
+
 TEST_F(TCPConnectorMasterTest, FrameSizeBoundAppliesToAcceptedConnections) {
   master.setMaxFrameLength(64);
   tavrinTesting::RawPeer second(master.getListeningEndpoint().getPort());

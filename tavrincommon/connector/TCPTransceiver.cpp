@@ -133,6 +133,11 @@ IOWatchItem::Result TCPTransceiver::socketCallback(int events) {
       if (alive) disconnect();
       return IOWatchItem::Removed;
     }
+    // Everything the peer sent before its reset has been read (or waits for a resume).
+    if (peerGone && !receivePaused) {
+      disconnect();
+      return IOWatchItem::Removed;
+    }
     if (!(events & kWritable)) return currentEvents();
   } else {
     if (!(events & kWritable)) return kWritable;
@@ -347,7 +352,7 @@ bool TCPTransceiver::deliverFrame() {
 }
 
 void TCPTransceiver::send(std::unique_ptr<OutputMessage>&& message) {
-  if (!message || !socket || !socket->valid() || !message->isFinalized()) return;
+  if (!message || !socket || !socket->valid() || !message->isFinalized() || peerGone) return;
   const size_t cost = internal::heapCost(*message);
   // Spare sent messages are heap this connection holds for sending too.
   if (!sendQueue->empty() && sendQueueBytes + spareOutput->heapBytes() + cost > maxSendQueueBytes) {
@@ -375,6 +380,24 @@ bool TCPTransceiver::send() {
     int r = socket->send(front.getData() + sendOffset, static_cast<int>(k));
     if (r < 0) {
       const int error = errno;
+      if (error == ECONNRESET || error == EPIPE) {
+        // The peer has gone, but what it sent before (its last disconnects, with their reasons)
+        // may still wait in the socket: the socket stays watched until that has been read, then
+        // the connection ends.
+        TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
+                   "Failed to send data (%u bytes) on TCP connection socket %s (%d (%s)), closing "
+                   "the connection once what the peer sent has been read!",
+                   k, SimpleEndpoint::CharString(endpoint).c_str(), error, std::strerror(error));
+        peerGone = true;
+        while (!sendQueue->empty()) {
+          sendQueueBytes -= internal::heapCost(*sendQueue->front());
+          sendQueue->pop_front();
+        }
+        sendOffset = 0;
+        // Readable: the socket reports its data and then its end at once.
+        setSocketOutputEventEnable(false);
+        return true;
+      }
       if (!isTransient(error)) {
         TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
                    "Failed to send data (%u bytes) on TCP connection socket %s (%d (%s)), closing "
@@ -421,6 +444,7 @@ void TCPTransceiver::disconnect() {
   sendOffset = 0;
   connected = false;
   receivePaused = false;
+  peerGone = false;
   if (!socket || !socket->valid()) return;
   registerSocketEvent(socket->getFd(), 0, SocketCallback());
   outputEventEnabled = false;

@@ -161,6 +161,9 @@ class TCPTransceiver {
   size_t maxSendQueueBytes = kDefaultMaxSendQueueBytes;
   bool receivePaused = false;
   bool closedAsSlowConsumer = false;
+  // A send met the peer's reset: nothing more is sent, and the connection ends once what the peer
+  // sent before it has been read.
+  bool peerGone = false;
   tavrinLog::LogRateLimiter* rateLimiter = nullptr;
   uint32_t sendOffset = 0;
   uint32_t bytesSent = 0;

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,11 +29,23 @@ RawPeer::RawPeer(unsigned short port, const char* sourceIp, int receiveBuffer) {
     return;
   }
   fcntl(s, F_SETFL, fcntl(s, F_GETFL) | O_NONBLOCK);
+  // Frames leave at once, as the connectors' do: a reset right after a send loses nothing that
+  // Nagle's algorithm held back.
+  const int on = 1;
+  setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   fd = s;
 }
 
 RawPeer::~RawPeer() {
   if (fd >= 0) close(fd);
+}
+
+void RawPeer::reset() {
+  if (fd < 0) return;
+  const linger abortive{1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+  close(fd);
+  fd = -1;
 }
 
 unsigned short RawPeer::localPort() const {

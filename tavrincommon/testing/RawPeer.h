@@ -25,6 +25,8 @@ class RawPeer {
   std::string receiveSome();
   // The other side has closed or reset the connection.
   bool closedByOtherSide() const;
+  // Closes with a reset, as the connectors do; what the other side has not read yet stays there.
+  void reset();
 
  private:
   int fd = -1;

@@ -13,6 +13,7 @@
 // `--short` shortens the idle and message phases to a fraction of a second for smoke runs.
 #include "tavrincommon/connector/ConnectionTimeout.h"
 #include "tavrincommon/connector/ConnectorInterfaceType.h"
+#include "tavrincommon/connector/DisconnectReason.h"
 #include "tavrincommon/connector/TCPConnectorMaster.h"
 #include "tavrincommon/connector/TCPConnectorSlave.h"
 #include "tavrincommon/connector/simpleConnector/SimpleConnectorHandler.h"
@@ -44,6 +45,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using tavrinConnector::ConnectionTimeout;
 using tavrinConnector::ConnectorInterfaceType;
+using tavrinConnector::DisconnectReason;
 using tavrinConnector::TCPConnectorMaster;
 using tavrinConnector::TCPConnectorSlave;
 using tavrinConnector::simpleConnector::SimpleConnectorHandler;
@@ -155,6 +157,7 @@ void runHall(int fd, unsigned short port) {
     Command command{};
     if (!turnUntilReceived(scheduler, fd, command)) break;
     if (command == kConnect) {
+      report.accepted = report.rejected = 0;
       firstRequestNs = monotonicNs();
       for (auto& slave : slaves)
         for (int k = 0; k < kPerSlave; ++k)
@@ -195,7 +198,11 @@ void scaleBurst(benchmark::State& state) {
     tavrinScheduler::Scheduler scheduler(nullptr);
     // The application's own list, of a fixed capacity: it is no part of the master's heap.
     std::vector<std::pair<unsigned, SimpleConnectorHandler*>> handlers;
-    handlers.reserve(kTotal);
+    handlers.reserve(kTotal + kSlaves);
+    // The slaves' shutdown: every connection must end at the master with the slaves' reason.
+    bool countingShutdown = false;
+    int endedShutdown = 0;
+    int endedOtherwise = 0;
     auto master = std::make_unique<TCPConnectorMaster>(&scheduler, nullptr);
     master->init(1, 100, ConnectorInterfaceType::PanelMaster, kCluster, SimpleIp("127.0.0.1"), 0,
                  false, false, ConnectionTimeout{}, false);
@@ -206,7 +213,9 @@ void scaleBurst(benchmark::State& state) {
             handlers.emplace_back(connectionId, handler);
             return true;
           },
-          [&](SimpleIp, unsigned, unsigned connectionId, int) {
+          [&](SimpleIp, unsigned, unsigned connectionId, int reason) {
+            if (countingShutdown)
+              ++(reason == DisconnectReason::shutdown ? endedShutdown : endedOtherwise);
             handlers.erase(
                 std::remove_if(handlers.begin(), handlers.end(),
                                [&](const std::pair<unsigned, SimpleConnectorHandler*>& entry) {
@@ -286,6 +295,15 @@ void scaleBurst(benchmark::State& state) {
     const size_t heapOnePerTcp = tavrinTesting::heldHeapBytes();
     const size_t tcpConnections = master->getTCPConnectionCount();
 
+    // A hall full again, then every slave disables at once (reason shutdown, abortive close).
+    Report again;
+    send(fd, &connect, sizeof connect, 0);
+    if (!turnUntilReceived(scheduler, fd, again)) return fail("the hall did not answer");
+    const size_t shuttingDown = static_cast<size_t>(kSlaves + again.accepted);
+    const auto refilled = Clock::now() + kPatience;
+    while (master->getActiveConnectionCount() < shuttingDown && Clock::now() < refilled)
+      scheduler.run(5);
+    countingShutdown = true;
     const Command quit = kQuit;
     send(fd, &quit, sizeof quit, 0);
     const auto gone = Clock::now() + kPatience;
@@ -310,6 +328,8 @@ void scaleBurst(benchmark::State& state) {
     state.counters["delivered"] = report.delivered;
     state.counters["p50_us"] = report.p50Us;
     state.counters["p99_us"] = report.p99Us;
+    state.counters["ended_shutdown"] = endedShutdown;
+    state.counters["ended_otherwise"] = endedOtherwise;
   }
 }
 

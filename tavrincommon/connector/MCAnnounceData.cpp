@@ -2,6 +2,7 @@
 
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/connector/internal/AnnounceLog.h"
 #include "tavrincommon/connector/internal/PayloadReader.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/LogRateLimiter.h"
@@ -17,13 +18,6 @@ using tavrinCommon::DefaultOrigins;
 using tavrinLog::SeverityLevel;
 using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
-
-#define ANNOUNCE_LOG(severity, ...) \
-  TAVRIN_LOG(logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, __VA_ARGS__)
-// For lines that a peer's payload causes, as often as it likes.
-#define ANNOUNCE_PEER_LOG(severity, ...)                                                      \
-  TAVRIN_LOG_LIMITED(logLimiter, logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, \
-                     __VA_ARGS__)
 
 namespace {
 

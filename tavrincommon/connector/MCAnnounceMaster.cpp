@@ -2,6 +2,7 @@
 
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/connector/TavrinConnectorMessageType.h"
+#include "tavrincommon/connector/internal/AnnounceLog.h"
 #include "tavrincommon/connector/internal/DefaultMulticastSocket.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/TavrinLogging.h"
@@ -18,9 +19,6 @@ using tavrinCommon::DefaultOrigins;
 using tavrinLog::SeverityLevel;
 using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
-
-#define ANNOUNCE_LOG(severity, ...) \
-  TAVRIN_LOG(logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, __VA_ARGS__)
 
 namespace {
 

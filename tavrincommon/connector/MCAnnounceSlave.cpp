@@ -3,6 +3,7 @@
 #include "tavrincommon/common/WrapTS.h"
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/TavrinConnectorMessageType.h"
+#include "tavrincommon/connector/internal/AnnounceLog.h"
 #include "tavrincommon/connector/internal/DefaultMulticastSocket.h"
 #include "tavrincommon/connector/internal/PayloadReader.h"
 #include "tavrincommon/log/DefaultOrigins.h"
@@ -18,13 +19,6 @@ using tavrinCommon::DefaultOrigins;
 using tavrinLog::SeverityLevel;
 using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
-
-#define ANNOUNCE_LOG(severity, ...) \
-  TAVRIN_LOG(logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, __VA_ARGS__)
-// For lines that a datagram causes.
-#define ANNOUNCE_PEER_LOG(severity, ...)                                                      \
-  TAVRIN_LOG_LIMITED(logLimiter, logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, \
-                     __VA_ARGS__)
 
 namespace {
 

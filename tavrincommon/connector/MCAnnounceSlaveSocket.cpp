@@ -3,6 +3,7 @@
 #include "tavrincommon/connector/MCAnnounceSlave.h"
 
 #include "tavrincommon/connector/InputMessage.h"
+#include "tavrincommon/connector/internal/AnnounceLog.h"
 #include "tavrincommon/log/DefaultOrigins.h"
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/scheduler/Scheduler.h"
@@ -19,13 +20,6 @@ using tavrinCommon::DefaultOrigins;
 using tavrinLog::SeverityLevel;
 using tavrinNetwork::SimpleEndpoint;
 using tavrinNetwork::SimpleIp;
-
-#define ANNOUNCE_LOG(severity, ...) \
-  TAVRIN_LOG(logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, __VA_ARGS__)
-// For lines that a datagram causes.
-#define ANNOUNCE_PEER_LOG(severity, ...)                                                      \
-  TAVRIN_LOG_LIMITED(logLimiter, logger, DefaultOrigins::MCAnnounce, SeverityLevel::severity, \
-                     __VA_ARGS__)
 
 namespace {
 

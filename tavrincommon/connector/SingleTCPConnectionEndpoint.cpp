@@ -44,6 +44,7 @@ SingleTCPConnectionEndpoint::SingleTCPConnectionEndpoint(
       keepAliveTimeoutMs(keepAliveTimeoutMs_),
       keepAliveTimer(
           scheduler_, keepAliveTimeoutMs_, [this] { keepAliveTimerExpired(); }, kOrigin) {
+  setReceiveQueueBounds(0, 0);
   // A connection on which no logical connection is ever opened is closed after the idle time.
   startIdlePeriod();
 }
@@ -82,6 +83,8 @@ size_t SingleTCPConnectionEndpoint::receiveHeapBytes() const {
 void SingleTCPConnectionEndpoint::setReceiveQueueBounds(size_t maxFrames, size_t maxBytes) {
   maxReceiveQueueFrames = maxFrames == 0 ? kDefaultMaxReceiveQueueFrames : maxFrames;
   maxReceiveQueueBytes = maxBytes == 0 ? kDefaultMaxReceiveQueueBytes : maxBytes;
+  // Reading resumes at half the bound, spares included: they must leave room below it.
+  transceiver.setMaxSpareInputBytes(maxReceiveQueueBytes / 2 - maxReceiveQueueBytes / 16);
 }
 
 void SingleTCPConnectionEndpoint::startTimer(int periodMs) {

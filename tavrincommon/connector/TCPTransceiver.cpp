@@ -60,7 +60,8 @@ TCPTransceiver::TCPTransceiver(
       changeSocketEvent(orNothing(std::move(changeSocketEvent_))),
       socket(std::move(socket_)),
       connected(connected_),
-      receiveBuffer(MessageBuffer::DEFAULT_INIT_SIZE),
+      // Room for a header; a frame's storage is sized when its header tells how much it needs.
+      receiveBuffer(MessageBuffer::kMinSize),
       sendQueue(std::make_unique<internal::RingQueue<std::unique_ptr<OutputMessage>>>()),
       spareOutput(std::make_unique<internal::SparePool<OutputMessage>>(kMaxSpareOutputMessages,
                                                                        kMaxSpareOutputBytes)),
@@ -78,6 +79,10 @@ TCPTransceiver::~TCPTransceiver() { disconnect(); }
 size_t TCPTransceiver::getSendQueueSize() const { return sendQueue->size(); }
 
 size_t TCPTransceiver::getSpareInputBytes() const { return spareInput->heapBytes(); }
+
+void TCPTransceiver::setMaxSpareInputBytes(size_t maxBytes) {
+  spareInput->setMaxBytes(std::min(maxBytes, kMaxSpareInputBytes));
+}
 
 void TCPTransceiver::recycle(std::unique_ptr<InputMessage>&& message) {
   // A closed connection receives nothing more.

@@ -57,10 +57,11 @@ class TCPTransceiver {
   // master's default connection limit). Larger frames grow with the bytes that arrive.
   static constexpr uint32_t kEagerFrameStorage = 16 * 1024;
   // Spare messages kept per connection for reuse, and the heap they may hold. Received frames
-  // come in bursts of up to a thousand small ones (the receive queue's bound); sent ones are
-  // written as they come.
-  static constexpr size_t kMaxSpareInputMessages = 1024;
-  static constexpr size_t kMaxSpareInputBytes = 256 * 1024;
+  // come in bursts of up to a thousand small ones (the receive queue's bound) plus the rest of
+  // the read that reached it; sent ones are written as they come. The spare heap counts in the
+  // receive queue's bound and stays below half of it, where reading resumes after a pause.
+  static constexpr size_t kMaxSpareInputMessages = 1024 + kReadChunkSize / 11;
+  static constexpr size_t kMaxSpareInputBytes = 512 * 1024;
   static constexpr size_t kMaxSpareOutputMessages = 16;
   static constexpr size_t kMaxSpareOutputBytes = 128 * 1024;
 
@@ -93,6 +94,9 @@ class TCPTransceiver {
   std::unique_ptr<OutputMessage> takeOutputMessage(unsigned payloadSize);
   // Heap held by spare received frames (the receive queue's bound counts it).
   size_t getSpareInputBytes() const;
+  // At most kMaxSpareInputBytes; the receive queue keeps it below the heap at which it resumes
+  // reading, so that spares alone never hold reading paused.
+  void setMaxSpareInputBytes(size_t maxBytes);
 
   // At least the smallest frame (11 bytes); applies from the next frame header on.
   void setMaxFrameLength(uint32_t maxFrameLength_);

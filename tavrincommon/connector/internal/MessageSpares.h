@@ -60,6 +60,14 @@ class SparePool {
     spares.clear();
     bytes = 0;
   }
+  // A lower bound gives back the spares above it at once.
+  void setMaxBytes(size_t maxBytes_) {
+    maxBytes = maxBytes_;
+    while (bytes > maxBytes) {
+      bytes -= heapCost(*spares.back());
+      spares.pop_back();
+    }
+  }
   size_t size() const { return spares.size(); }
   size_t heapBytes() const { return bytes; }
 

@@ -177,15 +177,18 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     }
   }
   const char* automaticText = automatic ? "automatic, " : "";
-  auto versions = connectionHandlers.find(type);
-  if (versions == connectionHandlers.end() || versions->second.empty()) {
+  auto cannotCreate = [&](const char* why, int reason) {
     TAVRIN_LOG_LIMITED(
         peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
         "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
-        "%s (device id: %u): no connection handler found!",
+        "%s (device id: %u): %s!",
         connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
-        remoteDeviceId);
-    reject(DisconnectReason::noConnectionHandler, connectionId);
+        remoteDeviceId, why);
+    reject(reason, connectionId);
+  };
+  auto versions = connectionHandlers.find(type);
+  if (versions == connectionHandlers.end() || versions->second.empty()) {
+    cannotCreate("no connection handler found", DisconnectReason::noConnectionHandler);
     return;
   }
   HandlerFactory factory;
@@ -198,26 +201,16 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
     break;
   }
   if (!factory) {
-    TAVRIN_LOG_LIMITED(
-        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-        "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
-        "%s (device id: %u): no compatible connection handler found!",
-        connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
-        remoteDeviceId);
-    reject(DisconnectReason::noCompatibleConnectionHandler, connectionId);
+    cannotCreate("no compatible connection handler found",
+                 DisconnectReason::noCompatibleConnectionHandler);
     return;
   }
   // Made before anything changes or goes out: a factory that makes no handler is refused like a
   // missing one, and an existing connection stays.
   std::unique_ptr<ConnectionHandlerBase> created = factory();
   if (!created) {
-    TAVRIN_LOG_LIMITED(
-        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-        "Cannot create connection %u (%stype %u, remote connection id: %u) on TCP endpoint "
-        "%s (device id: %u): connection handler factory returned no handler!",
-        connectionId, automaticText, typeNumber, remoteConnectionId, text(peer).c_str(),
-        remoteDeviceId);
-    reject(DisconnectReason::noConnectionHandler, connectionId);
+    cannotCreate("connection handler factory returned no handler",
+                 DisconnectReason::noConnectionHandler);
     return;
   }
   auto existing = activeConnections.find(connectionId);

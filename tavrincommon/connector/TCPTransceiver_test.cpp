@@ -308,13 +308,29 @@ TEST_F(TCPTransceiverTest, SendErrorClosesAndUnfinalizedOrLateMessagesAreDropped
   EXPECT_EQ(fake->sendCalls, 0);
   EXPECT_EQ(transceiver->getSendQueueSize(), 0u);
 
-  fake->addSendError(EPIPE);
+  fake->addSendError(EIO);
   transceiver->send(messageOf("x"));
-  expectClosedOnceWith("Failed to send data (12 bytes) on TCP connection socket 127.0.0.1:4000 "
-                       "(32 (Broken pipe)), closing the connection!");
+  expectClosedOnceWith(
+      "Failed to send data (12 bytes) on TCP connection socket 127.0.0.1:4000 "
+      "(5 (Input/output error)), closing the connection!");
   transceiver->send(messageOf("y"));
   EXPECT_EQ(fake->sendCalls, 1);
   EXPECT_EQ(transceiver->getSendQueueSize(), 0u);
+
+  // The peer's reset: what it sent before is read first, then the connection ends.
+  make(true);
+  fake->addSendError(EPIPE);
+  transceiver->send(messageOf("x"));
+  transceiver->send(messageOf("y"));  // dropped: the connection is ending
+  EXPECT_EQ(fake->sendCalls, 1);
+  EXPECT_EQ(disconnected, 0);
+  fake->addChunk(frameOf(4, 1, "last"));
+  fake->addEndOfStream();
+  EXPECT_EQ(transceiver->socketCallback(kIn), IOWatchItem::Removed);
+  EXPECT_EQ(received.size(), 1u);
+  expectClosedOnceWith(
+      "(32 (Broken pipe)), closing the connection once what the peer sent has "
+      "been read!");
 }
 
 TEST_F(TCPTransceiverTest, MessageSentWhileConnectingIsWrittenOnceConnected) {

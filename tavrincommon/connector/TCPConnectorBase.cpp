@@ -341,22 +341,24 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
   return Continue;
 }
 
-ConnectionHandlerBase::SendFunction TCPConnectorBase::makeSendFunction(const SimpleEndpoint& peer,
-                                                                       unsigned remoteConnectionId) {
+ConnectionHandlerBase::SendFunction TCPConnectorBase::makeSendFunction(
+    const ConnectionHandlerBase& handler) {
   // Looked up on every send rather than bound by reference: a handler must never reach a TCP
   // connection that has been retired in the meantime.
-  return [this, peer, remoteConnectionId](std::unique_ptr<OutputMessage>&& message) {
-    auto found = tcpConnections.find(peer);
+  const ConnectionHandlerBase* const owner = &handler;
+  return [this, owner](std::unique_ptr<OutputMessage>&& message) {
+    auto found = tcpConnections.find(owner->getRemoteEndpoint());
     if (found != tcpConnections.end())
-      sendDataMessage(remoteConnectionId, *found->second, std::move(message));
+      sendDataMessage(owner->getRemoteConnectionId(), *found->second, std::move(message));
   };
 }
 
 // Looked up on every call, as the send function does: spares of a retired connection are gone.
 ConnectionHandlerBase::MessageSource TCPConnectorBase::makeMessageSource(
-    const SimpleEndpoint& peer) {
-  return [this, peer](unsigned payloadSize) -> std::unique_ptr<OutputMessage> {
-    auto found = tcpConnections.find(peer);
+    const ConnectionHandlerBase& handler) {
+  const ConnectionHandlerBase* const owner = &handler;
+  return [this, owner](unsigned payloadSize) -> std::unique_ptr<OutputMessage> {
+    auto found = tcpConnections.find(owner->getRemoteEndpoint());
     if (found == tcpConnections.end()) return nullptr;
     return found->second->getTransceiver().takeOutputMessage(payloadSize);
   };
@@ -393,10 +395,9 @@ void TCPConnectorBase::finalizeConnection(std::unique_ptr<ConnectionHandlerBase>
   ConnectionHandlerBase* handler = slot->second.get();
   connection.addLogicalConnection(connectionId);
   const SimpleEndpoint peer = peerOf(connection);
-  handler->setMessageSource(makeMessageSource(peer));
+  handler->setMessageSource(makeMessageSource(*handler));
   handler->connected(clusterId, connectionId, automatic, remoteConnectionId, remoteDeviceId, peer,
-                     connection.isMptcpEnabled(), std::move(data),
-                     makeSendFunction(peer, remoteConnectionId),
+                     connection.isMptcpEnabled(), std::move(data), makeSendFunction(*handler),
                      makeDisconnectFunction(connectionId));
   // The handler may have ended its connection inside connected(); it then waits in the
   // handlers-to-destroy queue and is still alive here.

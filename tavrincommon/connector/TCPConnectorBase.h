@@ -252,12 +252,13 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
                           bool automatic, unsigned remoteConnectionId, unsigned remoteDeviceId,
                           unsigned clusterId, SingleTCPConnectionEndpoint& endpoint,
                           bool serverSide, std::unique_ptr<CustomConnectData>&& data);
-  // The two functions a handler gets for a connection carried by the TCP connection to `peer`.
-  ConnectionHandlerBase::SendFunction makeSendFunction(const tavrinNetwork::SimpleEndpoint& peer,
-                                                       unsigned remoteConnectionId);
+  // The two functions a handler gets for its connection. The send function reads the peer and
+  // the remote id from `handler`, which holds it, on every call; so it stays small enough for
+  // std::function to keep without an allocation, and must not outlive the handler.
+  ConnectionHandlerBase::SendFunction makeSendFunction(const ConnectionHandlerBase& handler);
   ConnectionHandlerBase::DisconnectFunction makeDisconnectFunction(unsigned connectionId);
-  // Where its handlers take the messages they send: the TCP connection's spare ones.
-  ConnectionHandlerBase::MessageSource makeMessageSource(const tavrinNetwork::SimpleEndpoint& peer);
+  // Where `handler` takes the messages it sends: the spare ones of the TCP connection to its peer.
+  ConnectionHandlerBase::MessageSource makeMessageSource(const ConnectionHandlerBase& handler);
   void sendKeepAlives();
 
   // A new TCP connection of this connector, with its event callback, timing and frame bound.

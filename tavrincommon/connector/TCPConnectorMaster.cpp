@@ -369,8 +369,7 @@ void TCPConnectorMaster::finalizeMoveConnection(ConnectionHandlerBase& handler,
   newConnection.addLogicalConnection(connectionId);
   const SimpleEndpoint newPeer = peerOf(newConnection);
   handler.moveConnection(remoteConnectionId, remoteDeviceId, newPeer,
-                         newConnection.isMptcpEnabled(), last,
-                         makeSendFunction(newPeer, remoteConnectionId),
+                         newConnection.isMptcpEnabled(), last, makeSendFunction(handler),
                          makeDisconnectFunction(connectionId));
   TAVRIN_LOG_LIMITED(
       peerLogLimiter, logging, kOrigin, SeverityLevel::Info,

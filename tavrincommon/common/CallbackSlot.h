@@ -28,6 +28,10 @@ class CallbackSlot<R(Args...)> {
     return *this;
   }
 
+  // Holds `function` as it is given: slots that an owner always replaces together may share one
+  // allocation (aliasing shared_ptrs into one object that keeps all their functions).
+  void share(std::shared_ptr<const Function> function) { held = std::move(function); }
+
   explicit operator bool() const { return held && *held; }
   // For code that hands the stored function on; such a reference is not kept alive by the slot.
   operator const Function&() const {  // NOLINT(google-explicit-constructor)

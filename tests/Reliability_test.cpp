@@ -6,6 +6,7 @@
 #include "tavrincommon/connector/TCPConnectorMaster.h"
 #include "tavrincommon/connector/TCPConnectorSlave.h"
 #include "tavrincommon/connector/simpleConnector/SimpleConnectorHandler.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/network/TCPSocketInterface.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 #include "tavrincommon/testing/ConnectorFrames.h"

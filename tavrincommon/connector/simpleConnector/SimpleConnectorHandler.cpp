@@ -5,6 +5,7 @@
 #include "tavrincommon/connector/OutputMessage.h"
 #include "tavrincommon/connector/internal/HandlerPayload.h"
 #include "tavrincommon/log/DefaultOrigins.h"
+#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/log/TavrinLogging.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 
@@ -38,14 +39,29 @@ SimpleConnectorHandler::~SimpleConnectorHandler() = default;
 
 void SimpleConnectorHandler::setCallbacks(AcceptCallback accept, StateCallback state,
                                           DataCallback data) {
-  acceptCallback = accept ? std::move(accept)
-                          : AcceptCallback([](tavrinNetwork::SimpleIp, unsigned, unsigned,
-                                              SimpleConnectorHandler*) { return true; });
-  stateCallback = state ? std::move(state)
-                        : StateCallback([](tavrinNetwork::SimpleIp, unsigned, unsigned, int) {});
-  dataCallback = data ? std::move(data)
-                      : DataCallback([](tavrinNetwork::SimpleIp, unsigned, unsigned,
-                                        std::unique_ptr<std::vector<unsigned char>>&&) {});
+  // Always replaced together, so the three live in one allocation; a call keeps all three alive.
+  struct Callbacks {
+    AcceptCallback accept;
+    StateCallback state;
+    DataCallback data;
+  };
+  const auto all = std::make_shared<const Callbacks>(
+      Callbacks{accept ? std::move(accept)
+                       : AcceptCallback([](tavrinNetwork::SimpleIp, unsigned, unsigned,
+                                           SimpleConnectorHandler*) { return true; }),
+                state ? std::move(state)
+                      : StateCallback([](tavrinNetwork::SimpleIp, unsigned, unsigned, int) {}),
+                data ? std::move(data)
+                     : DataCallback([](tavrinNetwork::SimpleIp, unsigned, unsigned,
+                                       std::unique_ptr<std::vector<unsigned char>>&&) {})});
+  acceptCallback.share(std::shared_ptr<const AcceptCallback>(all, &all->accept));
+  stateCallback.share(std::shared_ptr<const StateCallback>(all, &all->state));
+  dataCallback.share(std::shared_ptr<const DataCallback>(all, &all->data));
+}
+
+tavrinLog::LogRateLimiter& SimpleConnectorHandler::logLimiter() {
+  if (!limiter) limiter = std::make_unique<tavrinLog::LogRateLimiter>();
+  return *limiter;
 }
 
 uint32_t SimpleConnectorHandler::getMaxBlockLength() const {
@@ -56,7 +72,7 @@ uint32_t SimpleConnectorHandler::getMaxBlockLength() const {
 bool SimpleConnectorHandler::sendable(size_t length) {
   if (length == 0 || !isConnected()) return false;
   if (length <= getMaxBlockLength()) return true;
-  TAVRIN_LOG_LIMITED(logLimiter, logger, kOrigin, tavrinLog::SeverityLevel::Error,
+  TAVRIN_LOG_LIMITED(logLimiter(), logger, kOrigin, tavrinLog::SeverityLevel::Error,
                      "%sNot sending a block of %zu bytes: a frame carries at most %u",
                      getLogPrefix(connectionId).c_str(), length, getMaxBlockLength());
   return false;
@@ -104,7 +120,7 @@ void SimpleConnectorHandler::receive(std::unique_ptr<InputMessage>&& message) {
   // A conforming peer never sends a payload without its length field; reading one from the bytes
   // that are there would take the frame's end delimiter for data.
   if (available < kLengthFieldSize) {
-    TAVRIN_LOG_LIMITED(logLimiter, logger, kOrigin, kDebug,
+    TAVRIN_LOG_LIMITED(logLimiter(), logger, kOrigin, kDebug,
                        "%sDropping data message: %u payload bytes, too short for the block length",
                        getLogPrefix(connectionId).c_str(), available);
     return;
@@ -115,7 +131,7 @@ void SimpleConnectorHandler::receive(std::unique_ptr<InputMessage>&& message) {
   // present and never beyond what one frame of the transport can carry: any longer length is
   // malformed, and believing it would let a few bytes make this handler allocate a megabyte.
   if (declared > getMaxBlockLength() || declared - std::min(declared, available) > kZeroFillSlack) {
-    TAVRIN_LOG_LIMITED(logLimiter, logger, kOrigin, kDebug,
+    TAVRIN_LOG_LIMITED(logLimiter(), logger, kOrigin, kDebug,
                        "%sDropping data message: declared block length %u with %u bytes present "
                        "(largest block %u, zero fill up to %u)",
                        getLogPrefix(connectionId).c_str(), declared, available, getMaxBlockLength(),

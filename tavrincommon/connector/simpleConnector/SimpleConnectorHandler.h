@@ -6,7 +6,6 @@
 
 #include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/connector/ConnectionHandlerBase.h"
-#include "tavrincommon/log/LogRateLimiter.h"
 #include "tavrincommon/network/SimpleIp.h"
 
 #include <cstdint>
@@ -16,6 +15,7 @@
 #include <vector>
 
 namespace tavrinLog {
+class LogRateLimiter;
 class TavrinLogging;
 }
 
@@ -89,8 +89,10 @@ class SimpleConnectorHandler : public ConnectionHandlerBase {
   tavrinCommon::CallbackSlot<AcceptCallback> acceptCallback;
   tavrinCommon::CallbackSlot<StateCallback> stateCallback;
   tavrinCommon::CallbackSlot<DataCallback> dataCallback;
-  // Drops are caused by the peer and a send refused by the application: either may repeat.
-  tavrinLog::LogRateLimiter logLimiter;
+  // Drops are caused by the peer and a send refused by the application: either may repeat. Made
+  // on the first such line: most connections never log one, and each connection has a handler.
+  tavrinLog::LogRateLimiter& logLimiter();
+  std::unique_ptr<tavrinLog::LogRateLimiter> limiter;
 };
 
 }  // namespace simpleConnector

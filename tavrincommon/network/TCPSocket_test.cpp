@@ -62,18 +62,5 @@ TEST_F(TCPSocketTest, LingerZeroCloseResetsPeerAndLaterWritesFailWithEpipe) {
   std::signal(SIGPIPE, previous);
 }
 
-TEST_F(TCPSocketTest, BoundEndpointIsAskedOnce) {
-  const SimpleEndpoint first = client->getBoundEndpoint();
-  EXPECT_EQ(first.getIp(), kLoopback);
-  EXPECT_NE(first.getPort(), 0);
-  // Put a socket bound elsewhere under the same descriptor: the cached answer stays.
-  const int other = socket(AF_INET, SOCK_DGRAM, 0);
-  const SimpleEndpoint elsewhere(kLoopback, 0);
-  ASSERT_EQ(bind(other, elsewhere.sockAddr(), SimpleEndpoint::kSockAddrLength), 0);
-  ASSERT_GE(dup2(other, client->getFd()), 0);
-  ::close(other);
-  EXPECT_EQ(client->getBoundEndpoint(), first);
-}
-
 }  // namespace
 }  // namespace tavrinNetwork

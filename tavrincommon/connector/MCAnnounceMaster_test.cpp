@@ -76,7 +76,6 @@ class MCAnnounceMasterTest : public ::testing::Test {
     master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, kConnector);
     master->addAnnouncement(3, 7, 5, "x", true);
   }
-  std::vector<FakeMulticastSocket::Sent>& sent() { return frames; }
   void turn() { scheduler.run(0); }
 
   tavrinTesting::LogCapture log;
@@ -102,27 +101,26 @@ TEST_F(MCAnnounceMasterTest, EditsOfOneTurnGiveOneMessageThenItRepeatsEveryInter
   EXPECT_EQ(fake->dscp, 0);
   EXPECT_EQ(fake->ttl, 1);
   turn();
-  ASSERT_EQ(sent().size(), 1u);
-  EXPECT_EQ(sent()[0].to, SimpleEndpoint(kGroup, 4000));
+  ASSERT_EQ(frames.size(), 1u);
+  EXPECT_EQ(frames[0].to, SimpleEndpoint(kGroup, 4000));
   const unsigned char example[] = {
       0xa5, 0x37, 0, 0, 0, 0x0a, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 2, 0x41, 0x42, 1, 0,
       0, 0, 0x1c, 0, 0, 0, 3, 0, 0, 0, 1, 0, 4, 0, 0, 0, 0xc0, 0xa8, 1, 0x0a, 0x88, 0x13, 1, 0,
       7, 0, 0, 0, 5, 0, 1, 0x78, 1, 0, 0x5a};
-  EXPECT_EQ(sent()[0].bytes, std::string(reinterpret_cast<const char*>(example), sizeof example));
+  EXPECT_EQ(frames[0].bytes, std::string(reinterpret_cast<const char*>(example), sizeof example));
 
   const auto start = std::chrono::steady_clock::now();
-  ASSERT_TRUE(runUntil(scheduler, [&] { return sent().size() == 3; }, 3s));
+  ASSERT_TRUE(runUntil(scheduler, [&] { return frames.size() == 3; }, 3s));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 180ms);
-  EXPECT_EQ(changeCountOf(sent()[1].bytes), 1u);
-  EXPECT_EQ(sent()[2].bytes, sent()[0].bytes);
+  EXPECT_EQ(changeCountOf(frames[1].bytes), 1u);
+  EXPECT_EQ(frames[2].bytes, frames[0].bytes);
 
   // An edit that changes nothing sends nothing.
-  const size_t before = sent().size();
+  const size_t before = frames.size();
   master->setAnnouncementAvailable(3, 7, 5, true);
   turn();
-  EXPECT_EQ(sent().size(), before);
+  EXPECT_EQ(frames.size(), before);
   EXPECT_EQ(master->getChangeCount(), 1u);
-  EXPECT_EQ(master->getVersion(), 0);
 }
 
 TEST_F(MCAnnounceMasterTest, LastAnnouncementGoneSendsOneMessageThenFallsSilent) {
@@ -131,16 +129,16 @@ TEST_F(MCAnnounceMasterTest, LastAnnouncementGoneSendsOneMessageThenFallsSilent)
   turn();
   master->removeAnnouncement(3, 7, 5);
   turn();
-  ASSERT_EQ(sent().size(), 2u);
-  EXPECT_EQ(changeCountOf(sent()[1].bytes), 2u);
-  EXPECT_EQ(connectorCountOf(sent()[1].bytes), 1u);
+  ASSERT_EQ(frames.size(), 2u);
+  EXPECT_EQ(changeCountOf(frames[1].bytes), 2u);
+  EXPECT_EQ(connectorCountOf(frames[1].bytes), 1u);
   runFor(scheduler, 200ms);
-  EXPECT_EQ(sent().size(), 2u);
+  EXPECT_EQ(frames.size(), 2u);
 
   master->addAnnouncement(3, 8, 5, "y", true);
-  ASSERT_TRUE(runUntil(scheduler, [&] { return sent().size() == 4; }, 3s));
-  EXPECT_EQ(changeCountOf(sent()[2].bytes), 3u);
-  EXPECT_EQ(changeCountOf(sent()[3].bytes), 3u);
+  ASSERT_TRUE(runUntil(scheduler, [&] { return frames.size() == 4; }, 3s));
+  EXPECT_EQ(changeCountOf(frames[2].bytes), 3u);
+  EXPECT_EQ(changeCountOf(frames[3].bytes), 3u);
 }
 
 TEST_F(MCAnnounceMasterTest, DisablingSaysFarewellOnlyWhenAnnouncingAndReenablingKeepsTheCount) {
@@ -149,27 +147,27 @@ TEST_F(MCAnnounceMasterTest, DisablingSaysFarewellOnlyWhenAnnouncingAndReenablin
   master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, kConnector);
   turn();
   master->setEnabled(false);
-  EXPECT_TRUE(sent().empty());
+  EXPECT_TRUE(frames.empty());
   EXPECT_TRUE(master->getData().getConnectors().empty());
 
   announce();
   turn();
   master->setEnabled(false);
-  ASSERT_EQ(sent().size(), 2u);
-  EXPECT_EQ(changeCountOf(sent()[1].bytes), 2u);
-  EXPECT_EQ(connectorCountOf(sent()[1].bytes), 0u);
-  EXPECT_EQ(sent()[1].bytes.size(), 11u + 2 + 4 + 4 + 3 + 2);
+  ASSERT_EQ(frames.size(), 2u);
+  EXPECT_EQ(changeCountOf(frames[1].bytes), 2u);
+  EXPECT_EQ(connectorCountOf(frames[1].bytes), 0u);
+  EXPECT_EQ(frames[1].bytes.size(), 11u + 2 + 4 + 4 + 3 + 2);
 
   // Enabling again starts from empty data and the next change count; destroying an announcing
   // master says farewell too.
   announce();
   EXPECT_EQ(master->getData().getConnectors().size(), 1u);
   turn();
-  ASSERT_EQ(sent().size(), 3u);
-  EXPECT_EQ(changeCountOf(sent()[2].bytes), 3u);
+  ASSERT_EQ(frames.size(), 3u);
+  EXPECT_EQ(changeCountOf(frames[2].bytes), 3u);
   master.reset();
-  ASSERT_EQ(sent().size(), 4u);
-  EXPECT_EQ(connectorCountOf(sent()[3].bytes), 0u);
+  ASSERT_EQ(frames.size(), 4u);
+  EXPECT_EQ(connectorCountOf(frames[3].bytes), 0u);
   EXPECT_EQ(created, 3);
 }
 
@@ -187,13 +185,13 @@ TEST_F(MCAnnounceMasterTest, MessageOf61440BytesIsSentOneByteMoreIsAnError) {
   };
   fill(135);
   turn();
-  ASSERT_EQ(sent().size(), 1u);
-  EXPECT_EQ(sent()[0].bytes.size(), 61440u);
+  ASSERT_EQ(frames.size(), 1u);
+  EXPECT_EQ(frames[0].bytes.size(), 61440u);
   EXPECT_TRUE(errors.empty());
 
   master->setAnnouncementName(1, 1000, 0, std::string(136, 'n'));
   turn();
-  EXPECT_EQ(sent().size(), 1u);
+  EXPECT_EQ(frames.size(), 1u);
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0].first, ErrorType::messageTooLarge);
   EXPECT_EQ(errors[0].second, "Announce message too long: 61441 bytes (max 61440)!");
@@ -211,7 +209,7 @@ TEST_F(MCAnnounceMasterTest, SendFailuresDisableButAPartialSendOnlyLogs) {
                            "size: 60)!"));
   EXPECT_TRUE(master->isEnabled());
   // The timer was re-armed after the partial send.
-  ASSERT_TRUE(runUntil(scheduler, [&] { return sent().size() == 2; }, 3s));
+  ASSERT_TRUE(runUntil(scheduler, [&] { return frames.size() == 2; }, 3s));
 
   fake->addSendResult(-1);
   ASSERT_TRUE(runUntil(scheduler, [&] { return !errors.empty(); }, 3s));
@@ -275,12 +273,12 @@ TEST_F(MCAnnounceMasterTest, GroupAndBindAddressChangesRestartTheSocket) {
   master->setBindIp(SimpleIp("127.0.0.1"));
   master->setBindIp(SimpleIp("127.0.0.2"));
   EXPECT_EQ(created, 0);
-  EXPECT_EQ(master->getBindIp(), SimpleIp("127.0.0.2"));
 
   // A new group on a disabled master enables it.
   master->setMulticastGroup(SimpleIp("239.255.77.2"), 4100);
   EXPECT_TRUE(master->isEnabled());
   EXPECT_EQ(fake->group, SimpleEndpoint(SimpleIp("239.255.77.2"), 4100));
+  EXPECT_EQ(fake->bound, SimpleEndpoint(SimpleIp("127.0.0.2"), 4001));
 
   master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, kConnector);
   master->addAnnouncement(3, 7, 5, "x", true);
@@ -302,25 +300,25 @@ TEST_F(MCAnnounceMasterTest, InterfaceWithoutAddressPausesAndAnAddressReopensAnd
   make(50);
   announce();
   turn();
-  ASSERT_EQ(sent().size(), 1u);
+  ASSERT_EQ(frames.size(), 1u);
   master->interfaceChanged(SimpleIp(SimpleIp::kNoIp));
   EXPECT_TRUE(master->isPaused());
   master->setAnnouncementName(3, 7, 5, "y");
   runFor(scheduler, 150ms);  // three send intervals
-  EXPECT_EQ(sent().size(), 1u);
+  EXPECT_EQ(frames.size(), 1u);
   EXPECT_TRUE(errors.empty());
   EXPECT_EQ(created, 1);
 
   master->interfaceChanged(SimpleIp("127.0.0.1"));
   EXPECT_EQ(created, 2);
   turn();
-  ASSERT_EQ(sent().size(), 2u);
-  EXPECT_EQ(changeCountOf(sent()[1].bytes), 2u);  // the edit made while paused
+  ASSERT_EQ(frames.size(), 2u);
+  EXPECT_EQ(changeCountOf(frames[1].bytes), 2u);  // the edit made while paused
   // The same address again (a re-created interface): reopened, the same data at once.
   master->interfaceChanged(SimpleIp("127.0.0.1"));
   turn();
-  ASSERT_EQ(sent().size(), 3u);
-  EXPECT_EQ(changeCountOf(sent()[2].bytes), 2u);
+  ASSERT_EQ(frames.size(), 3u);
+  EXPECT_EQ(changeCountOf(frames[2].bytes), 2u);
 
   openResult = false;
   master->interfaceChanged(SimpleIp("127.0.0.1"));

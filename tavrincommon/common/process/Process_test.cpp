@@ -52,19 +52,6 @@ class ProcessTest : public ::testing::Test {
   tavrinTesting::GlobalLogCapture log;
 };
 
-TEST_F(ProcessTest, SpawnTakesThePathThisSystemOffers) {
-  std::optional<Process> child = shell("exit 0").spawn();
-  ASSERT_TRUE(child);
-  EXPECT_GT(child->pid(), 0);
-  EXPECT_EQ(child->pidfd() >= 0, kPidfd);
-  const std::string line = "Firmware: Debug: Spawned process '/bin/sh -c exit 0' with pid " +
-                           std::to_string(child->pid()) + " and pidfd " +
-                           std::to_string(child->pidfd());
-  EXPECT_TRUE(log->contains(line)) << log->text();
-  EXPECT_EQ(child->wait(std::nullopt), 0);
-  EXPECT_EQ(child->pid(), -1);
-}
-
 TEST_F(ProcessTest, RunSyncReadsLargeStdoutAndStderrCompletely) {
   // 1 MiB on each, interleaved in pieces of half a pipe buffer: a reader that waits on one
   // stream while the other fills up deadlocks here.
@@ -82,9 +69,9 @@ TEST_F(ProcessTest, RunSyncReadsLargeStdoutAndStderrCompletely) {
 }
 
 TEST_F(ProcessTest, TheLimitHoldsWhileALeftBehindProcessKeepsThePipeOpen) {
-  for (std::optional<milliseconds> limit :
-       {std::optional<milliseconds>(200), std::optional<milliseconds>(milliseconds::max()),
-        std::optional<milliseconds>()}) {
+  const std::optional<milliseconds> limits[] = {milliseconds(200), milliseconds::max(),
+                                                std::nullopt};
+  for (const std::optional<milliseconds>& limit : limits) {
     const auto start = Clock::now();
     // The background sleep shares stdout and outlives the shell by seconds.
     std::optional<ProcessOutput> output =
@@ -116,13 +103,6 @@ TEST_F(ProcessTest, PidfdSpawnUnsupportedByTheKernelFallsBackToPosixSpawnForGood
         std::_Exit(ok ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");
-}
-TEST_F(ProcessTest, WaitClosesAPipedStdinSoAReaderEnds) {
-  std::optional<Process> child = shell("n=$(cat | wc -c); exit $n").stdin(Stdio::Piped).spawn();
-  ASSERT_TRUE(child);
-  ASSERT_EQ(child->writeStdin("hello", 5), 5);
-  EXPECT_EQ(child->wait(std::nullopt), 5);
-  EXPECT_FALSE(child->stdin());
 }
 
 TEST_F(ProcessTest, WritingToAChildThatNoLongerReadsFailsWithEpipeNotSigpipe) {
@@ -197,20 +177,28 @@ TEST_F(ProcessTest, WaitWithALimitNeedsAPidfd) {
 }
 
 TEST_F(ProcessTest, TryWaitReportsRunningThenTheStatusAndKillThenFails) {
-  std::optional<Process> child = shell("read line; exit 7").stdin(Stdio::Piped).spawn();
+  std::optional<Process> child = shell("n=$(cat | wc -c); exit $n").stdin(Stdio::Piped).spawn();
   ASSERT_TRUE(child);
+  EXPECT_GT(child->pid(), 0);
+  EXPECT_EQ(child->pidfd() >= 0, kPidfd);  // the spawn path this system offers
+  EXPECT_TRUE(
+      log->contains("Firmware: Debug: Spawned process '/bin/sh -c n=$(cat | wc -c); exit $n' "
+                    "with pid " +
+                    std::to_string(child->pid()) + " and pidfd " + std::to_string(child->pidfd())))
+      << log->text();
   std::optional<std::optional<int>> running = child->tryWait();
   ASSERT_TRUE(running);
   EXPECT_FALSE(*running);
-  EXPECT_GT(child->pid(), 0);
 
-  child->stdin().reset();
-  EXPECT_EQ(child->wait(std::nullopt), 7);
+  // wait() closes the piped stdin, so the reader ends.
+  ASSERT_EQ(child->writeStdin("hello", 5), 5);
+  EXPECT_EQ(child->wait(std::nullopt), 5);
+  EXPECT_FALSE(child->stdin());
   std::optional<std::optional<int>> exited = child->tryWait();
   ASSERT_TRUE(exited);
-  EXPECT_EQ(*exited, 7);
+  EXPECT_EQ(*exited, 5);
   EXPECT_EQ(child->pid(), -1);
-  EXPECT_TRUE(log->contains("exited with return code 7."));
+  EXPECT_TRUE(log->contains("exited with return code 5."));
 
   errno = 0;
   EXPECT_FALSE(child->kill(SIGTERM));
@@ -302,25 +290,21 @@ TEST_F(ProcessTest, ASignalIsToldFromAnExitStatusOfTheSameNumber) {
   EXPECT_EQ(killed->exitSignal(), SIGKILL);
 }
 
-TEST_F(ProcessTest, EnvironmentMapReplacesTheParentsEnvironment) {
+TEST_F(ProcessTest, RunsWithTheGivenEnvironmentAndWorkingDirectory) {
   std::optional<ProcessOutput> output =
       Command("/usr/bin/env").env({{"A", "1"}}).stdout(Stdio::Piped).runSync(std::nullopt);
   ASSERT_TRUE(output);
-  EXPECT_EQ(output->stdout, "A=1\n");
+  EXPECT_EQ(output->stdout, "A=1\n");  // the map replaces the parent's environment
 
   ASSERT_EQ(setenv("TAVRIN_PROCESS_TEST", "inherited", 1), 0);
   output = Command("/usr/bin/env").stdout(Stdio::Piped).runSync(std::nullopt);
   unsetenv("TAVRIN_PROCESS_TEST");
   ASSERT_TRUE(output);
   EXPECT_NE(output->stdout.find("TAVRIN_PROCESS_TEST=inherited\n"), std::string::npos);
-}
 
-TEST_F(ProcessTest, RunsInTheGivenWorkingDirectory) {
-  std::optional<ProcessOutput> output =
-      Command("/bin/pwd").currentDir("/tmp").stdout(Stdio::Piped).runSync(std::nullopt);
+  output = Command("/bin/pwd").currentDir("/tmp").stdout(Stdio::Piped).runSync(std::nullopt);
   ASSERT_TRUE(output);
   EXPECT_EQ(output->stdout, "/tmp\n");
-
   if (tavrinTesting::underEmulation()) {
     GTEST_SKIP() << "a failed change of directory is not reported by posix_spawn under user-mode "
                     "emulation (the child exits with 127)";

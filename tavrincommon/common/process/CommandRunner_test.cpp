@@ -6,12 +6,11 @@
 #include "tavrincommon/testing/GlobalLogCapture.h"
 #include "tavrincommon/testing/RunUntil.h"
 
-#include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <sstream>
 #include <string>
@@ -61,9 +60,10 @@ class CommandRunnerTest : public ::testing::Test {
     return CommandRunner::start(
         kOrigin, &scheduler,
         [this](int status) {
-          ++calls;
           lastStatus = status;
           callbackOnLoop = std::this_thread::get_id() == loopThread;
+          if (onFinished) onFinished();  // may destroy the runner: the capture is still used below
+          ++calls;
         },
         "/bin/sh", {"-c", script}, stdinFile, stdoutFile, stderrFile);
   }
@@ -81,6 +81,7 @@ class CommandRunnerTest : public ::testing::Test {
   int calls = 0;
   int lastStatus = -1000;
   bool callbackOnLoop = false;
+  std::function<void()> onFinished;  // called inside the finished callback
 };
 
 TEST_F(CommandRunnerTest, ExitStatusReachesTheLoopThreadOnce) {
@@ -212,16 +213,9 @@ TEST_F(CommandRunnerTest, ClearedCallbackIsNeverMade) {
 }
 
 TEST_F(CommandRunnerTest, DestroyedInsideItsOwnCallbackItSaysSoAndSurvivesTheHandOver) {
-  std::unique_ptr<CommandRunner> runner;
-  runner = CommandRunner::start(
-      kOrigin, &scheduler,
-      [&](int status) {
-        lastStatus = status;
-        runner.reset();
-        ++calls;
-      },
-      "/bin/sh", {"-c", "exit 4"}, std::nullopt, std::nullopt, std::nullopt);
+  std::unique_ptr<CommandRunner> runner = startShell("exit 4");
   ASSERT_TRUE(runner);
+  onFinished = [&] { runner.reset(); };
   ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return calls > 0; }));
   tavrinTesting::runFor(scheduler, milliseconds(30));
   EXPECT_EQ(calls, 1);

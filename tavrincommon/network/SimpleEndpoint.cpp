@@ -40,13 +40,6 @@ void SimpleEndpoint::clear() {
   std::memset(zero, 0, sizeof zero);
 }
 
-unsigned short SimpleEndpoint::getPort() const { return ntohs(port); }
-
 void SimpleEndpoint::setPort(unsigned short port_) { port = htons(port_); }
-
-bool SimpleEndpoint::operator<(const SimpleEndpoint& other) const {
-  if (ip != other.ip) return ip < other.ip;
-  return getPort() < other.getPort();
-}
 
 }  // namespace tavrinNetwork

@@ -35,7 +35,7 @@ class SimpleEndpoint {
   SimpleIp getIp() const { return ip; }
   void setIp(const SimpleIp& ip_) { ip = ip_; }
   // Host order.
-  unsigned short getPort() const;
+  unsigned short getPort() const { return ntohs(port); }
   void setPort(unsigned short port_);
   std::string toString() const { return CharString(*this).c_str(); }
 
@@ -48,8 +48,12 @@ class SimpleEndpoint {
     return ip == other.ip && port == other.port;
   }
   bool operator!=(const SimpleEndpoint& other) const { return !(*this == other); }
-  // By address, then by port, both numerically.
-  bool operator<(const SimpleEndpoint& other) const;
+  // By address, then by port, both numerically. Inline: the connector looks its TCP connections
+  // up by endpoint on every frame.
+  bool operator<(const SimpleEndpoint& other) const {
+    if (ip != other.ip) return ip < other.ip;
+    return getPort() < other.getPort();
+  }
 
  private:
   uint16_t family;

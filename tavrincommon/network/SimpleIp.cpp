@@ -20,8 +20,6 @@ SimpleIp::SimpleIp(const char* text) {
   }
 }
 
-uint32_t SimpleIp::getHostOrder() const { return ntohl(ip); }
-
 bool SimpleIp::isMulticast() const { return (getHostOrder() >> 24 & 0xF0u) == 0xE0u; }
 
 }  // namespace tavrinNetwork

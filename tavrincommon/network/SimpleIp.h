@@ -3,6 +3,8 @@
 // usable from any thread.
 #pragma once
 
+#include <arpa/inet.h>
+
 #include <cstdint>
 #include <string>
 
@@ -33,7 +35,7 @@ class SimpleIp {
 
   uint32_t getIp() const { return ip; }
   void setIp(uint32_t networkOrder) { ip = networkOrder; }
-  uint32_t getHostOrder() const;
+  uint32_t getHostOrder() const { return ntohl(ip); }
   // True for 224.0.0.0 to 239.255.255.255.
   bool isMulticast() const;
   // False for the no-address value.

@@ -23,11 +23,15 @@ void IOWatchList::remove(IOWatchListEntry* entry) {
   removedEntries.push_back(std::move(*position));
   entries.erase(position);
   entry->position = entries.end();
+  anyRemoved.store(true, std::memory_order_release);
 }
 
+// A removal that races with the first test is freed at the next wait instead.
 void IOWatchList::clearRemovedEntries() {
+  if (!anyRemoved.load(std::memory_order_acquire)) return;
   TinyMutexGuard guard(mutex);
   removedEntries.clear();
+  anyRemoved.store(false, std::memory_order_relaxed);
 }
 
 void IOWatchList::clear(const std::function<void(IOWatchListEntry*)>& fn) {

@@ -6,6 +6,7 @@
 #include "tavrincommon/common/TinyMutex.h"
 #include "tavrincommon/scheduler/IOWatchItem.h"
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -61,6 +62,9 @@ class IOWatchList {
   tavrinCommon::TinyMutex mutex;
   std::list<std::shared_ptr<IOWatchListEntry>> entries;
   std::deque<std::shared_ptr<IOWatchListEntry>> removedEntries;
+  // Set under the mutex by remove(); lets the watcher skip the mutex on the turns (nearly all)
+  // in which nothing was removed.
+  std::atomic<bool> anyRemoved{false};
 };
 
 }  // namespace tavrinScheduler

@@ -154,6 +154,11 @@ void IOWatcher::wakeup() {
 }
 
 void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex) {
+  watch(deadline, loopMutex, MonotonicMs());
+}
+
+void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex,
+                      MonotonicMs now) {
   if (rebuildNeeded) {
     tavrinCommon::TinyMutexGuard guard(loopMutex);
     rebuild();
@@ -170,20 +175,22 @@ void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loop
       inWatch.store(false);
     }
   } leave{inWatch, outerWatcher};
-  const MonotonicMs start;
+  // The clock is read after each callback and after a wait that blocked; a wait that did not
+  // block leaves the reading before it valid.
+  const MonotonicMs start = now;
   bool woken = false;
   epoll_event events[kMaxEventsPerWait];
   for (;;) {
-    const MonotonicMs now;
     if (now - start > kMaxWatchMs) return;
     if (rebuildNeeded) {
       tavrinCommon::TinyMutexGuard guard(loopMutex);
       rebuild();
     }
     if (wakeRequested.exchange(false)) woken = true;
-    int timeout = (woken || now >= deadline) ? 0 : deadline - now;
-    int n = epoll_wait(epollFd, events, kMaxEventsPerWait, timeout);
+    const int timeout = (woken || now >= deadline) ? 0 : deadline - now;
+    const int n = epoll_wait(epollFd, events, kMaxEventsPerWait, timeout);
     if (n <= 0) return;
+    if (timeout > 0) now = MonotonicMs();
 
     tavrinCommon::TinyMutexGuard guard(loopMutex);
     for (int i = n - 1; i >= 0; --i) {
@@ -203,7 +210,7 @@ void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loop
         continue;
       }
       ++entry->callCount;
-      const MonotonicMs before;
+      const MonotonicMs before = now;
       // The callback runs from a local copy so that removing its own registration does not
       // destroy the function object while it executes; it is destroyed after it returns.
       IOWatchItem::Result result;
@@ -217,7 +224,8 @@ void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loop
         } running{entry, std::move(entry->callback)};
         result = running.callback(static_cast<int>(events[i].events));
       }
-      int32_t took = MonotonicMs() - before;
+      now = MonotonicMs();
+      const int32_t took = now - before;
       if (took > kSlowCallbackMs) {
         TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "IOWatcher %s took %d ms",
                    logging->originToString(entry->origin), static_cast<int>(took));

@@ -44,6 +44,9 @@ class IOWatcher {
   // Waits and dispatches until `deadline` (a monotonic millisecond stamp), holding `loopMutex`
   // (may be null) only while callbacks run.
   void watch(const tavrinCommon::MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex);
+  // The same, starting from the caller's reading of the clock, taken just before.
+  void watch(const tavrinCommon::MonotonicMs& deadline, tavrinCommon::TinyMutex* loopMutex,
+             tavrinCommon::MonotonicMs now);
   void clear();
   void stop();
 

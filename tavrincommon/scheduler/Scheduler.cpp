@@ -103,19 +103,30 @@ void Scheduler::startIdleTask() { idleTaskScheduler.start(); }
 
 void Scheduler::run(int timeoutMs) {
   const int wait = std::min(timeoutMs, watchdog->getResetTimeoutMs());
-  MonotonicMs deadline = MonotonicMs() + wait;
-  runTasksAndTimeouts(deadline);
+  // One reading of the clock serves the deadline, the due timeouts and the start of the IO wait,
+  // unless a worker or a timeout ran in between.
+  MonotonicMs now;
+  MonotonicMs deadline = now + wait;
+  runTasksAndTimeouts(deadline, now);
   watchdog->reset();
-  ioWatcher.watch(deadline, loopMutex);
+  ioWatcher.watch(deadline, loopMutex, now);
   watchdog->reset();
 }
 
 void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline) {
+  MonotonicMs now;
+  runTasksAndTimeouts(deadline, now);
+}
+
+void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline, MonotonicMs& now) {
   TinyMutexGuard guard(loopMutex);
   activatePendingTimeouts();
   // A pass that ran out of budget leaves work behind: the IO wait must not block.
-  if (runTasks()) deadline = MonotonicMs();
-  runTimeouts(deadline);
+  const bool leftWork = runTasks();
+  if (taskScheduler.lastPassRanWorkers()) now = MonotonicMs();
+  if (leftWork) deadline = now;
+  if (!timeoutTaskScheduler.empty() && timeoutTaskScheduler.runAndReturnNextTimeout(deadline, now))
+    now = MonotonicMs();
 }
 
 bool Scheduler::runTasks() { return taskScheduler.run(); }

@@ -27,7 +27,11 @@ int elapsedMs(const timespec& from, const timespec& to) {
 
 bool TaskScheduler::run() {
   ++runCounter;
-  // One clock reading per worker: the reading after a worker is the start of the next one.
+  Worker* worker = workers.pop();
+  ranWorkers = worker != nullptr;
+  // Nothing to run: the pass needs no clock. Otherwise one reading per worker: the reading after
+  // a worker is the start of the next one.
+  if (!worker) return false;
   timespec now = monotonicNow();
   timespec passEnd = now;
   passEnd.tv_sec += kWorkerPassBudgetMs / 1000;
@@ -37,7 +41,6 @@ bool TaskScheduler::run() {
     passEnd.tv_sec += 1;
   }
 
-  Worker* worker = workers.pop();
   while (worker) {
     // The budget is checked before each worker, so a pass always runs at least one.
     if (atOrAfter(now, passEnd)) {

@@ -26,6 +26,8 @@ class TaskScheduler {
   void remove(Worker* worker) { workers.remove(worker); }
   // One worker pass. True when the budget ran out with workers still scheduled.
   bool run();
+  // Whether the last pass called a worker (the clock has moved on since it began).
+  bool lastPassRanWorkers() const { return ranWorkers; }
 
   void setLogging(tavrinLog::TavrinLogging* logging_) { logging = logging_; }
   uint32_t getRunCounter() const { return runCounter; }
@@ -35,6 +37,7 @@ class TaskScheduler {
  private:
   tavrinLog::TavrinLogging* logging;
   uint32_t runCounter = 0;
+  bool ranWorkers = false;
   WorkerList workers;
 };
 

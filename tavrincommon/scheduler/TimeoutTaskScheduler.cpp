@@ -86,8 +86,9 @@ void TimeoutTaskScheduler::activateWaitingTasks() {
 
 void TimeoutTaskScheduler::removeFromWaitingTasks(TimeoutTask* task) { waiting.erase(task); }
 
-void TimeoutTaskScheduler::runAndReturnNextTimeout(MonotonicMs& next, MonotonicMs now) {
-  if (active.empty()) return;
+bool TimeoutTaskScheduler::runAndReturnNextTimeout(MonotonicMs& next, MonotonicMs now) {
+  if (active.empty()) return false;
+  bool called = false;
   TimeoutTask* first = active.front();
   while (first->due - now <= 0) {
     removeTask(first);
@@ -95,6 +96,7 @@ void TimeoutTaskScheduler::runAndReturnNextTimeout(MonotonicMs& next, MonotonicM
     // timeout() may destroy its own task: nothing of it is read after the call.
     const int origin = first->origin;
     const MonotonicMs before;
+    called = true;
     first->timeout();
     int32_t took = MonotonicMs() - before;
     if (took > kSlowTimeoutMs) {
@@ -102,10 +104,11 @@ void TimeoutTaskScheduler::runAndReturnNextTimeout(MonotonicMs& next, MonotonicM
                  "TimeoutTask %s took %d ms", logging->originToString(origin),
                  static_cast<int>(took));
     }
-    if (active.empty()) return;
+    if (active.empty()) return called;
     first = active.front();
   }
   if (next - first->due >= 1) next = first->due;
+  return called;
 }
 
 void TimeoutTaskScheduler::stop() {

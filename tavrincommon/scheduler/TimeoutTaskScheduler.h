@@ -40,7 +40,8 @@ class TimeoutTaskScheduler {
   void runAndReturnNextTimeout(tavrinCommon::MonotonicMs& next) {
     runAndReturnNextTimeout(next, tavrinCommon::MonotonicMs());
   }
-  void runAndReturnNextTimeout(tavrinCommon::MonotonicMs& next, tavrinCommon::MonotonicMs now);
+  // With the caller's reading of the clock; true when a task was called.
+  bool runAndReturnNextTimeout(tavrinCommon::MonotonicMs& next, tavrinCommon::MonotonicMs now);
   // Drops every armed task without calling it; the waiting set is kept.
   void stop();
 

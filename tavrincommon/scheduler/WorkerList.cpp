@@ -26,7 +26,7 @@ bool WorkerList::add(Worker* worker, bool putBack) {
     head = worker;
   }
   tail = worker;
-  ++count;
+  count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   return true;
 }
 
@@ -45,7 +45,7 @@ void WorkerList::unlink(Worker* worker) {
   }
   worker->previous = worker->next = nullptr;
   worker->holder.store(nullptr, std::memory_order_release);
-  --count;
+  count.store(count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
 }
 
 void WorkerList::remove(Worker* worker) {
@@ -60,7 +60,10 @@ void WorkerList::remove(Worker* worker) {
   unlink(worker);
 }
 
+// A worker added by another thread at this very moment is taken by the next pass: adding wakes
+// the loop.
 Worker* WorkerList::pop() {
+  if (count.load(std::memory_order_relaxed) == 0) return nullptr;
   TinyMutexGuard guard(mutex);
   Worker* worker = head;
   if (!worker) return nullptr;
@@ -100,7 +103,7 @@ bool WorkerList::empty() {
 
 unsigned WorkerList::size() {
   TinyMutexGuard guard(mutex);
-  return count;
+  return count.load(std::memory_order_relaxed);
 }
 
 void WorkerList::dump(std::ostream& out, const char* prefix) {

@@ -5,6 +5,7 @@
 
 #include "tavrincommon/common/TinyMutex.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <iosfwd>
@@ -47,7 +48,9 @@ class WorkerList {
   tavrinCommon::TinyMutex mutex;
   Worker* head = nullptr;
   Worker* tail = nullptr;
-  unsigned count = 0;
+  // Written under the mutex; read without it by pop(), so that a pass over an empty list (most
+  // turns of the loop) takes no lock.
+  std::atomic<unsigned> count{0};
   // iterate(): the worker whose call runs now, the one it takes next, and its thread.
   Worker* running = nullptr;
   Worker* cursor = nullptr;

@@ -11,6 +11,7 @@
 #include "tavrincommon/network/TCPSocketInterface.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 
+#include <algorithm>
 #include <ostream>
 #include <utility>
 
@@ -63,8 +64,10 @@ std::unique_ptr<InputMessage> SingleTCPConnectionEndpoint::fetchReceivedMessage(
   std::unique_ptr<InputMessage> message = std::move(receiveQueue->front());
   receiveQueue->pop_front();
   receiveQueueBytes -= internal::heapCost(*message);
+  // The frame leaves room under the bound for the spare it becomes once handled.
+  fitSparesUnderBound();
   if (transceiver.isReceivePaused() && receiveQueue->size() <= maxReceiveQueueFrames / 2 &&
-      receiveHeapBytes() <= maxReceiveQueueBytes / 2) {
+      receiveQueueBytes <= maxReceiveQueueBytes / 2) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
                "Receive queue of TCP connection socket %s down to %zu frames (%zu bytes), reading "
                "again",
@@ -75,16 +78,15 @@ std::unique_ptr<InputMessage> SingleTCPConnectionEndpoint::fetchReceivedMessage(
   return message;
 }
 
-// Frames queued and the spare ones kept for reuse: both are what this peer's input holds.
-size_t SingleTCPConnectionEndpoint::receiveHeapBytes() const {
-  return receiveQueueBytes + transceiver.getSpareInputBytes();
-}
-
 void SingleTCPConnectionEndpoint::setReceiveQueueBounds(size_t maxFrames, size_t maxBytes) {
   maxReceiveQueueFrames = maxFrames == 0 ? kDefaultMaxReceiveQueueFrames : maxFrames;
   maxReceiveQueueBytes = maxBytes == 0 ? kDefaultMaxReceiveQueueBytes : maxBytes;
-  // Reading resumes at half the bound, spares included: they must leave room below it.
-  transceiver.setMaxSpareInputBytes(maxReceiveQueueBytes / 2 - maxReceiveQueueBytes / 16);
+  fitSparesUnderBound();
+}
+
+void SingleTCPConnectionEndpoint::fitSparesUnderBound() {
+  transceiver.setMaxSpareInputBytes(maxReceiveQueueBytes -
+                                    std::min(receiveQueueBytes, maxReceiveQueueBytes));
 }
 
 void SingleTCPConnectionEndpoint::startTimer(int periodMs) {
@@ -196,10 +198,16 @@ void SingleTCPConnectionEndpoint::disconnect() {
 }
 
 void SingleTCPConnectionEndpoint::receiveMessage(std::unique_ptr<InputMessage>&& message) {
-  receiveQueueBytes += internal::heapCost(*message);
+  const size_t cost = internal::heapCost(*message);
+  receiveQueueBytes += cost;
   receiveQueue->push_back(std::move(message));
+  // Queued frames and spare ones together stay within the bound: spares give way to the queue.
+  // Only the queue pauses reading, so spares never cost a pause; and it pauses before another
+  // frame like this one would pass the bound, so that every frame it holds has room to become a
+  // spare once handled, and the next burst finds a spare for each of its frames.
+  fitSparesUnderBound();
   if (!transceiver.isReceivePaused() && (receiveQueue->size() >= maxReceiveQueueFrames ||
-                                         receiveHeapBytes() >= maxReceiveQueueBytes)) {
+                                         receiveQueueBytes + cost > maxReceiveQueueBytes)) {
     ++readPauses;
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
                "Receive queue of TCP connection socket %s holds %zu frames (%zu bytes), pausing "

@@ -29,7 +29,8 @@ class SingleTCPConnectionEndpoint {
  public:
   // Frames received and not yet fetched, counted and by the heap they hold, before reading pauses
   // (it resumes below half of both). A second of small frames for a worker that handles them in
-  // slices, and room for a frame of the default maximum length.
+  // slices, and room for a frame of the default maximum length. The heap bound also covers the
+  // spare frames kept for reuse: queue and spares together never hold more.
   static constexpr size_t kDefaultMaxReceiveQueueFrames = 1024;
   static constexpr size_t kDefaultMaxReceiveQueueBytes = 1024 * 1024 + 64 * 1024;
 
@@ -89,7 +90,8 @@ class SingleTCPConnectionEndpoint {
   void startTimer(int periodMs);
   void startIdlePeriod();
   void dataReceived();
-  size_t receiveHeapBytes() const;
+  // Spare received frames may hold what the queue leaves of its heap bound.
+  void fitSparesUnderBound();
 
   tavrinLog::TavrinLogging* logging;
   tavrinScheduler::Scheduler* scheduler;

@@ -2,6 +2,7 @@
 
 #include "tavrincommon/connector/InputMessage.h"
 #include "tavrincommon/connector/OutputMessage.h"
+#include "tavrincommon/connector/internal/HeapCost.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 #include "tavrincommon/testing/FakeTCPSocket.h"
 #include "tavrincommon/testing/LogCapture.h"
@@ -11,6 +12,7 @@
 
 #include <chrono>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -155,6 +157,38 @@ TEST_F(SingleTCPConnectionEndpointTest, AFullReceiveQueuePausesReadingAndLosesNo
     EXPECT_LE(endpoint->getReceiveQueueSize(), 4u);
   }
   EXPECT_FALSE(closed());
+}
+
+TEST_F(SingleTCPConnectionEndpointTest, HandledFramesBecomeSparesForTheNextBurstWithinTheBound) {
+  make(5000, 5000);
+  const std::string payload(1000, 'x');
+  const std::string sample = frameOf(0, payload);
+  const InputMessage probe(sample.data(), static_cast<unsigned>(sample.size()), true);
+  const size_t cost = internal::heapCost(probe);
+  const size_t bound = 6 * cost + cost / 2;
+  endpoint->setReceiveQueueBounds(1000, bound);
+  for (uint32_t i = 0; i < 12; ++i) fake->addChunk(frameOf(i, payload));
+  ASSERT_TRUE(runUntil(scheduler, [&] { return endpoint->getReadPauses() == 1; }, 3s));
+  EXPECT_EQ(endpoint->getReceiveQueueSize(), 6u) << "paused before a seventh would pass the bound";
+
+  std::set<const InputMessage*> first;
+  while (std::unique_ptr<InputMessage> message = endpoint->fetchReceivedMessage()) {
+    first.insert(message.get());
+    endpoint->recycle(std::move(message));
+  }
+  EXPECT_EQ(endpoint->getTransceiver().getSpareInputBytes(), 6 * cost)
+      << "every handled frame is kept: spares alone never pause reading";
+
+  ASSERT_TRUE(runUntil(scheduler, [&] { return endpoint->getReadPauses() == 2; }, 3s));
+  EXPECT_EQ(endpoint->getReceiveQueueSize(), 6u);
+  EXPECT_LE(endpoint->getReceiveQueueBytes() + endpoint->getTransceiver().getSpareInputBytes(),
+            bound);
+  uint32_t expected = 6;
+  while (std::unique_ptr<InputMessage> message = endpoint->fetchReceivedMessage()) {
+    EXPECT_EQ(message->getAdditionalInfo(), expected++);
+    EXPECT_EQ(first.count(message.get()), 1u) << "a frame of the second burst got a new message";
+  }
+  EXPECT_EQ(expected, 12u);
 }
 
 TEST_F(SingleTCPConnectionEndpointTest, DscpFailureClosesTheConnection) {

@@ -81,7 +81,7 @@ size_t TCPTransceiver::getSendQueueSize() const { return sendQueue->size(); }
 size_t TCPTransceiver::getSpareInputBytes() const { return spareInput->heapBytes(); }
 
 void TCPTransceiver::setMaxSpareInputBytes(size_t maxBytes) {
-  spareInput->setMaxBytes(std::min(maxBytes, kMaxSpareInputBytes));
+  spareInput->setMaxBytes(maxBytes);
 }
 
 void TCPTransceiver::recycle(std::unique_ptr<InputMessage>&& message) {

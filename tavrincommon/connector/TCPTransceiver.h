@@ -58,8 +58,9 @@ class TCPTransceiver {
   static constexpr uint32_t kEagerFrameStorage = 16 * 1024;
   // Spare messages kept per connection for reuse, and the heap they may hold. Received frames
   // come in bursts of up to a thousand small ones (the receive queue's bound) plus the rest of
-  // the read that reached it; sent ones are written as they come. The spare heap counts in the
-  // receive queue's bound and stays below half of it, where reading resumes after a pause.
+  // the read that reached it; sent ones are written as they come. The heap of spare received
+  // frames is what a transceiver on its own keeps; the receive queue that owns one lets its
+  // spares have what the queued frames leave of its bound, no more.
   static constexpr size_t kMaxSpareInputMessages = 1024 + kReadChunkSize / 11;
   static constexpr size_t kMaxSpareInputBytes = 512 * 1024;
   static constexpr size_t kMaxSpareOutputMessages = 16;
@@ -94,8 +95,7 @@ class TCPTransceiver {
   std::unique_ptr<OutputMessage> takeOutputMessage(unsigned payloadSize);
   // Heap held by spare received frames (the receive queue's bound counts it).
   size_t getSpareInputBytes() const;
-  // At most kMaxSpareInputBytes; the receive queue keeps it below the heap at which it resumes
-  // reading, so that spares alone never hold reading paused.
+  // Spares above it are given back at once; the receive queue moves it with every frame.
   void setMaxSpareInputBytes(size_t maxBytes);
 
   // At least the smallest frame (11 bytes); applies from the next frame header on.

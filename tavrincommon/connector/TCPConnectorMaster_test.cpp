@@ -37,27 +37,6 @@ struct Frame {
   std::string payload;
 };
 
-// The next whole frame from the master, skipping its keep-alive pongs (info 0).
-bool nextFrame(tavrinScheduler::Scheduler& scheduler, tavrinTesting::RawPeer& peer,
-               std::string& received, Frame& out) {
-  return tavrinTesting::runUntil(scheduler, [&] {
-    received += peer.receiveSome();
-    while (received.size() >= 11) {
-      const uint32_t length = readU32(received, 1);
-      if (received.size() < length + 5) return false;
-      Frame f{static_cast<uint8_t>(received[5]), readU32(received, 6),
-              received.substr(10, length - 6)};
-      EXPECT_EQ(static_cast<uint8_t>(received[0]), 0xA5);
-      EXPECT_EQ(static_cast<uint8_t>(received[length + 4]), 0x5A);
-      received.erase(0, length + 5);
-      if (f.type == 1 && f.info == 0) continue;
-      out = f;
-      return true;
-    }
-    return false;
-  });
-}
-
 std::string connectPayload(uint32_t masterId, uint16_t type, uint32_t ownId, uint32_t device,
                            const std::vector<uint16_t>& versions) {
   Bytes b;
@@ -79,10 +58,26 @@ class TCPConnectorMasterTest : public ::testing::Test {
     peer = std::make_unique<tavrinTesting::RawPeer>(master.getListeningEndpoint().getPort());
     ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 1; }));
   }
+  // The next whole frame from the master, skipping its keep-alive pongs (info 0).
   Frame next() {
-    Frame f;
-    EXPECT_TRUE(nextFrame(scheduler, *peer, received, f)) << log.text();
-    return f;
+    Frame out;
+    EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] {
+      received += peer->receiveSome();
+      while (received.size() >= 11) {
+        const uint32_t length = readU32(received, 1);
+        if (received.size() < length + 5) return false;
+        Frame f{static_cast<uint8_t>(received[5]), readU32(received, 6),
+                received.substr(10, length - 6)};
+        EXPECT_EQ(static_cast<uint8_t>(received[0]), 0xA5);
+        EXPECT_EQ(static_cast<uint8_t>(received[length + 4]), 0x5A);
+        received.erase(0, length + 5);
+        if (f.type == 1 && f.info == 0) continue;
+        out = f;
+        return true;
+      }
+      return false;
+    })) << log.text();
+    return out;
   }
   void send(tavrinTesting::RawPeer& to, const std::string& bytes) {
     ASSERT_EQ(to.sendSome(bytes), bytes.size());
@@ -204,6 +199,7 @@ TEST_F(TCPConnectorMasterTest, RejectsAreLaidOutFieldByField) {
   EXPECT_EQ(reject.type, 8);
   EXPECT_EQ(readU32(reject.payload, 6), 0xFFFFFFFFu);
   EXPECT_EQ(static_cast<int32_t>(readU32(reject.payload, 10)), DisconnectReason::notAllowed);
+  EXPECT_TRUE(log.contains("no free connection id found (range 100 - 100)!"));
 
   // A connectionNotFound ends every connection whose remote id matches, with a disconnect.
   send(frame(7, 72));

@@ -141,7 +141,7 @@ TEST_F(HandlersEndToEndTest, ARefusedConnectionReachesBothStateCallbacksOnceWith
   EXPECT_TRUE(log.contains("SimpleConnectorHandler 12 (remote: 7 @ 0x000000C8 (127.0.0.1:"));
 }
 
-TEST_F(HandlersEndToEndTest, TestCountersExchangeCountersNamesAndResets) {
+TEST_F(HandlersEndToEndTest, TestCountersExchangeChangesAndEndWhenTheDataLetsGoOnly) {
   m.data->setName("master");
   m.data->setCounter(5);
   s.data->setCounter(9);
@@ -151,10 +151,7 @@ TEST_F(HandlersEndToEndTest, TestCountersExchangeCountersNamesAndResets) {
   ASSERT_TRUE(run([&] { return m.sees(10, "s2"); }));
   m.data->sendRemoteCounterReset();
   ASSERT_TRUE(run([&] { return m.sees(0, "s2"); }));
-}
 
-TEST_F(HandlersEndToEndTest, TestCounterConnectionEndsWhenTheDataLetsGoOnly) {
-  connectCounters();
   m.counter->unlinkData(m.data.get(), false);  // the handler lets go: the connection stays
   EXPECT_TRUE(m.sees(INT_MIN, ""));
   EXPECT_TRUE(m.counter->isConnected());

@@ -63,11 +63,14 @@ TEST_F(SchedulerTest, TurnRunsWorkersThenTimeoutsThenIO) {
     return IOWatchItem::Unchanged;
   };
   auto handle = scheduler.addIOItem(item, 8);
-  SimpleTimer timer(&scheduler, 0, [&] { order.push_back("timeout"); }, 8);
+  // The timer falls due while the worker runs: the turn looks at the clock again before the
+  // timeouts.
+  SimpleTimer timer(&scheduler, 20, [&] { order.push_back("timeout"); }, 8);
   timer.start();
   SimpleWorker worker(&scheduler, 8);
   worker.setFunction([&] {
     order.push_back("worker");
+    std::this_thread::sleep_for(40ms);
     return Worker::Finished;
   });
   scheduler.addWorker(&worker);

@@ -67,9 +67,6 @@ class MulticastSocketTest : public ::testing::Test {
 TEST_F(MulticastSocketTest, JoinsReceivesItsGroupAndLeavesOnClose) {
   group = SimpleIp("239.255.93.10");
   ASSERT_TRUE(openOnLoopback(socket)) << log.text();
-  EXPECT_TRUE(socket.valid());
-  EXPECT_TRUE(socket.isJoined());
-  EXPECT_NE(socket.getUnicastFd(), socket.getFd());
   EXPECT_TRUE(kernelHasMembership("lo", group));
 
   EXPECT_EQ(socket.sendMulticast("hello", 5), 5);
@@ -97,7 +94,6 @@ TEST_F(MulticastSocketTest, JoinsReceivesItsGroupAndLeavesOnClose) {
 TEST_F(MulticastSocketTest, JoiningTwiceSendsOneRequest) {
   group = SimpleIp("239.255.93.11");
   ASSERT_TRUE(socket.open(group, port, kLoopback, 0, "lo", true, false, true)) << log.text();
-  EXPECT_FALSE(socket.isJoined());
   EXPECT_FALSE(kernelHasMembership("lo", group));
   EXPECT_TRUE(socket.joinOrLeaveMcGroup(true));
   // A second request on the same socket would be refused by the kernel and logged.

@@ -59,7 +59,7 @@ class CommandTest : public ::testing::Test {
   tavrinTesting::GlobalLogCapture log;
 };
 
-TEST_F(CommandTest, ReplacingADescriptorSettingClosesTheDescriptor) {
+TEST_F(CommandTest, NoDescriptorIsLeftByAReplacedSettingOrAFailedSetup) {
   int fd = ::open(Command::DEV_NULL, O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
   Command command("/bin/true");
@@ -69,14 +69,11 @@ TEST_F(CommandTest, ReplacingADescriptorSettingClosesTheDescriptor) {
   errno = 0;
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);
   EXPECT_EQ(errno, EBADF);
-}
 
-TEST_F(CommandTest, SetupFailureClosesWhatWasAlreadyCreated) {
-  // Count the open descriptors before and after a spawn whose stderr setting is invalid: the
-  // stdin and stdout pipes made before it must not leak.
+  // A spawn whose stderr setting is invalid: the stdin and stdout pipes made before it are closed.
   auto openDescriptors = [] {
     int count = 0;
-    for (int fd = 0; fd < 1024; ++fd) count += fcntl(fd, F_GETFD) != -1;
+    for (int i = 0; i < 1024; ++i) count += fcntl(i, F_GETFD) != -1;
     return count;
   };
   const int before = openDescriptors();

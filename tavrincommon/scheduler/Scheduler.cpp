@@ -123,7 +123,8 @@ void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline, MonotonicMs& now) {
   activatePendingTimeouts();
   // A pass that ran out of budget leaves work behind: the IO wait must not block.
   const bool leftWork = runTasks();
-  if (taskScheduler.lastPassRanWorkers()) now = MonotonicMs();
+  if (taskScheduler.lastPassRanWorkers())
+    now = MonotonicMs(MonotonicMs::ticksOf(taskScheduler.lastReading()));
   if (leftWork) deadline = now;
   if (!timeoutTaskScheduler.empty() && timeoutTaskScheduler.runAndReturnNextTimeout(deadline, now))
     now = MonotonicMs();

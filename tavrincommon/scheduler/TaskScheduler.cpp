@@ -55,6 +55,7 @@ bool TaskScheduler::run() {
     const timespec after = monotonicNow();
     const int elapsed = elapsedMs(now, after);
     now = after;
+    reading = after;
     if (elapsed > kSlowWorkerMs) {
       TAVRIN_LOG(logging, tavrinCommon::DefaultOrigins::Scheduler,
                  tavrinLog::SeverityLevel::Service,

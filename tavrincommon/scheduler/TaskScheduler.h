@@ -6,6 +6,7 @@
 #include "tavrincommon/scheduler/WorkerList.h"
 
 #include <cstdint>
+#include <ctime>
 #include <iosfwd>
 
 namespace tavrinLog {
@@ -26,8 +27,9 @@ class TaskScheduler {
   void remove(Worker* worker) { workers.remove(worker); }
   // One worker pass. True when the budget ran out with workers still scheduled.
   bool run();
-  // Whether the last pass called a worker (the clock has moved on since it began).
+  // Whether the last pass called a worker, and then the monotonic clock read after the last call.
   bool lastPassRanWorkers() const { return ranWorkers; }
+  const timespec& lastReading() const { return reading; }
 
   void setLogging(tavrinLog::TavrinLogging* logging_) { logging = logging_; }
   uint32_t getRunCounter() const { return runCounter; }
@@ -38,6 +40,7 @@ class TaskScheduler {
   tavrinLog::TavrinLogging* logging;
   uint32_t runCounter = 0;
   bool ranWorkers = false;
+  timespec reading{};
   WorkerList workers;
 };
 

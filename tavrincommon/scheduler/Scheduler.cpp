@@ -119,6 +119,11 @@ void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline) {
 }
 
 void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline, MonotonicMs& now) {
+  // A turn with no worker scheduled, no timeout armed from another thread and none due leaves
+  // the loop mutex alone: most turns of a busy loop only wait for IO.
+  if (!timeoutsPending.load(std::memory_order_acquire) &&
+      timeoutTaskScheduler.nothingDue(now, deadline) && taskScheduler.skipIfNothingToRun())
+    return;
   TinyMutexGuard guard(loopMutex);
   activatePendingTimeouts();
   // A pass that ran out of budget leaves work behind: the IO wait must not block.

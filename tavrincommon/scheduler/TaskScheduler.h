@@ -27,6 +27,13 @@ class TaskScheduler {
   void remove(Worker* worker) { workers.remove(worker); }
   // One worker pass. True when the budget ran out with workers still scheduled.
   bool run();
+  // A pass that would find no worker: counted as a pass, without touching the list's mutex.
+  bool skipIfNothingToRun() {
+    if (!workers.emptyNow()) return false;
+    ++runCounter;
+    ranWorkers = false;
+    return true;
+  }
   // Whether the last pass called a worker, and then the monotonic clock read after the last call.
   bool lastPassRanWorkers() const { return ranWorkers; }
   const timespec& lastReading() const { return reading; }

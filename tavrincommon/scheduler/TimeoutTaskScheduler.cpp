@@ -53,6 +53,7 @@ void TimeoutTaskScheduler::addTask(TimeoutTask* task) {
   active.push_back(task);
   siftUp(active.size() - 1);
   task->active = true;
+  publishFirst();
 }
 
 void TimeoutTaskScheduler::removeTask(TimeoutTask* task) {
@@ -61,13 +62,15 @@ void TimeoutTaskScheduler::removeTask(TimeoutTask* task) {
   const size_t index = task->position;
   TimeoutTask* last = active.back();
   active.pop_back();
-  if (index == active.size()) return;
-  place(index, last);
-  if (index > 0 && firesBefore(last, active[(index - 1) / 2])) {
-    siftUp(index);
-  } else {
-    siftDown(index);
+  if (index != active.size()) {
+    place(index, last);
+    if (index > 0 && firesBefore(last, active[(index - 1) / 2])) {
+      siftUp(index);
+    } else {
+      siftDown(index);
+    }
   }
+  publishFirst();
 }
 
 void TimeoutTaskScheduler::addThreadsafe(TimeoutTask* task, int ms) {
@@ -114,6 +117,7 @@ bool TimeoutTaskScheduler::runAndReturnNextTimeout(MonotonicMs& next, MonotonicM
 void TimeoutTaskScheduler::stop() {
   for (TimeoutTask* task : active) task->active = false;
   active.clear();
+  publishFirst();
 }
 
 void TimeoutTaskScheduler::dump(std::ostream& out, const char* prefix) const {

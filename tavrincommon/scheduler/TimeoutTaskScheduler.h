@@ -7,6 +7,8 @@
 #include "tavrincommon/common/WrapTS.h"
 #include "tavrincommon/scheduler/TimeoutTask.h"
 
+#include <atomic>
+#include <cstdint>
 #include <iosfwd>
 #include <set>
 #include <vector>
@@ -46,6 +48,17 @@ class TimeoutTaskScheduler {
   void stop();
 
   bool empty() const { return active.empty(); }
+  // For the loop thread without the loop mutex: true when no armed task is due at `now`, and then
+  // `next` lowered to the earliest due time. A task disarmed by another thread meanwhile may still
+  // be seen as armed (a wake-up for nothing); arming happens on the loop thread only.
+  bool nothingDue(tavrinCommon::MonotonicMs now, tavrinCommon::MonotonicMs& next) const {
+    const uint64_t first = firstDue.load(std::memory_order_relaxed);
+    if (first == kNoneArmed) return true;
+    const tavrinCommon::MonotonicMs due(static_cast<uint32_t>(first));
+    if (due - now <= 0) return false;
+    if (next - due >= 1) next = due;
+    return true;
+  }
   // The earliest armed task, or null.
   TimeoutTask* first() const { return active.empty() ? nullptr : active.front(); }
   size_t size() const { return active.size(); }
@@ -59,9 +72,18 @@ class TimeoutTaskScheduler {
   }
   void siftUp(size_t index);
   void siftDown(size_t index);
+  void publishFirst() {
+    firstDue.store(active.empty() ? kNoneArmed : active.front()->due.getValue(),
+                   std::memory_order_relaxed);
+  }
+
+  static constexpr uint64_t kNoneArmed = uint64_t{1} << 32;
 
   tavrinLog::TavrinLogging* logging;
   std::vector<TimeoutTask*> active;
+  // The earliest due time of the active set, or kNoneArmed: written with the set, read by
+  // nothingDue().
+  std::atomic<uint64_t> firstDue{kNoneArmed};
   std::set<TimeoutTask*> waiting;
 };
 

@@ -39,6 +39,8 @@ class WorkerList {
   // included. One iterate() at a time.
   void iterate(const std::function<bool(Worker*)>& fn);
   bool empty();
+  // Without the mutex: a snapshot for the loop's own fast path (a worker added meanwhile wakes it).
+  bool emptyNow() const { return count.load(std::memory_order_relaxed) == 0; }
   unsigned size();
   void dump(std::ostream& out, const char* prefix);
 

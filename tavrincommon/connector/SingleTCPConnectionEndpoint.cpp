@@ -123,7 +123,9 @@ bool SingleTCPConnectionEndpoint::removeLogicalConnection(unsigned int id) {
 // and the timer, when it expires, arms itself again for what is left of it.
 void SingleTCPConnectionEndpoint::resetKeepAliveTimeout(bool first) {
   if (keepAliveTimeoutMs <= 0) return;
-  const tavrinCommon::MonotonicMs now;
+  // Called on every read: inside the socket's callback the loop has just read the clock.
+  const tavrinCommon::MonotonicMs* start = scheduler->getIOWatcher().runningCallbackStart();
+  const tavrinCommon::MonotonicMs now = start ? *start : tavrinCommon::MonotonicMs();
   if (first) {
     TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug,
                "First reset of keep alive timer on TCP connection socket %s, resetting maximum "

@@ -285,7 +285,9 @@ void TCPConnectorBase::setConnectionEvent(const SimpleEndpoint& endpoint, bool f
 }
 
 tavrinScheduler::Worker::Result TCPConnectorBase::work() {
-  const timespec deadline = monotonicIn(kWorkSliceMs);
+  // The loop read the clock just before calling us.
+  const timespec* start = scheduler->getTaskScheduler().runningWorkerStart();
+  const timespec deadline = start ? internal::later(*start, kWorkSliceMs) : monotonicIn(kWorkSliceMs);
   // The deadline has just been set: the first event needs no look at the clock.
   for (bool first = true; !connectionEvents->empty(); first = false) {
     if (!first && reached(deadline)) break;

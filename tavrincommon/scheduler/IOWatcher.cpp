@@ -218,10 +218,13 @@ void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loop
         struct Running {
           IOWatchListEntry* entry;
           std::function<IOWatchItem::Result(int)> callback;
+          const MonotonicMs*& start;
           ~Running() {
             if (!entry->removed) entry->callback = std::move(callback);
+            start = nullptr;
           }
-        } running{entry, std::move(entry->callback)};
+        } running{entry, std::move(entry->callback), callbackStart};
+        callbackStart = &before;
         result = running.callback(static_cast<int>(events[i].events));
       }
       now = MonotonicMs();

@@ -54,10 +54,15 @@ class IOWatcher {
   IOWatchList& getList() { return list; }
   void dump(std::ostream& out, const char* prefix) { list.dump(out, prefix); }
 
+  // While a callback runs (loop thread): the clock as read just before it was called, which
+  // spares a callback a reading of its own; null outside callbacks.
+  const tavrinCommon::MonotonicMs* runningCallbackStart() const { return callbackStart; }
+
  private:
   void rebuild();
 
   tavrinLog::TavrinLogging* logging;
+  const tavrinCommon::MonotonicMs* callbackStart = nullptr;
   int epollFd;
   // Set when a registration could not be taken back from epoll (its descriptor was closed before
   // its watch was removed); the next wait first moves to a new epoll instance.

@@ -58,6 +58,7 @@ TEST_F(SchedulerTest, TurnRunsWorkersThenTimeoutsThenIO) {
   item.events = EPOLLIN;
   item.callback = [&](int) {
     order.push_back("io");
+    EXPECT_NE(scheduler.getIOWatcher().runningCallbackStart(), nullptr);
     char c;
     EXPECT_EQ(read(fds[0], &c, 1), 1);
     return IOWatchItem::Unchanged;
@@ -70,12 +71,16 @@ TEST_F(SchedulerTest, TurnRunsWorkersThenTimeoutsThenIO) {
   SimpleWorker worker(&scheduler, 8);
   worker.setFunction([&] {
     order.push_back("worker");
+    EXPECT_NE(scheduler.getTaskScheduler().runningWorkerStart(), nullptr);
     std::this_thread::sleep_for(40ms);
     return Worker::Finished;
   });
   scheduler.addWorker(&worker);
   scheduler.run(0);
   EXPECT_EQ(order, (std::vector<std::string>{"worker", "timeout", "io"}));
+  // The readings the loop lends its callbacks are gone once they return.
+  EXPECT_EQ(scheduler.getIOWatcher().runningCallbackStart(), nullptr);
+  EXPECT_EQ(scheduler.getTaskScheduler().runningWorkerStart(), nullptr);
   EXPECT_TRUE(timer.hasFired());
   scheduler.removeIOItem(handle);
   EXPECT_TRUE(handle.empty());

@@ -50,7 +50,15 @@ bool TaskScheduler::run() {
     // work() may destroy its own worker: what the report needs is read before the call.
     const int origin = worker->getOrigin();
     const int calls = static_cast<int>(worker->getCallCount());
-    Worker::Result result = worker->work();
+    Worker::Result result;
+    {
+      struct Running {
+        const timespec*& start;
+        ~Running() { start = nullptr; }
+      } running{workerStart};
+      workerStart = &now;
+      result = worker->work();
+    }
     const bool runsAgain = result == Worker::Continue || result == Worker::Busy;
     const timespec after = monotonicNow();
     const int elapsed = elapsedMs(now, after);

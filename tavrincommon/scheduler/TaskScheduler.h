@@ -37,6 +37,9 @@ class TaskScheduler {
   // Whether the last pass called a worker, and then the monotonic clock read after the last call.
   bool lastPassRanWorkers() const { return ranWorkers; }
   const timespec& lastReading() const { return reading; }
+  // While a worker runs (loop thread): the clock as read just before it was called; null
+  // outside workers.
+  const timespec* runningWorkerStart() const { return workerStart; }
 
   void setLogging(tavrinLog::TavrinLogging* logging_) { logging = logging_; }
   uint32_t getRunCounter() const { return runCounter; }
@@ -48,6 +51,7 @@ class TaskScheduler {
   uint32_t runCounter = 0;
   bool ranWorkers = false;
   timespec reading{};
+  const timespec* workerStart = nullptr;
   WorkerList workers;
 };
 

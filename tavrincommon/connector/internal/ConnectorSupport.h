@@ -32,13 +32,16 @@ inline const tavrinNetwork::SimpleEndpoint& peerOf(const SingleTCPConnectionEndp
   return connection.getTransceiver().getEndpoint();
 }
 
-inline timespec monotonicIn(long long ms) {
-  using tavrinCommon::system::Clock;
-  timespec t = Clock::getTime(Clock::Monotonic);
+inline timespec later(timespec t, long long ms) {
   long long ns = static_cast<long long>(t.tv_nsec) + (ms % 1000) * 1000000;
   t.tv_sec += static_cast<time_t>(ms / 1000 + ns / 1000000000);
   t.tv_nsec = static_cast<long>(ns % 1000000000);
   return t;
+}
+
+inline timespec monotonicIn(long long ms) {
+  using tavrinCommon::system::Clock;
+  return later(Clock::getTime(Clock::Monotonic), ms);
 }
 
 inline bool reached(const timespec& deadline) {

@@ -1,5 +1,6 @@
 #include "tavrincommon/connector/InputMessage.h"
 
+#include <cstdint>
 #include <utility>
 
 namespace tavrinConnector {
@@ -10,6 +11,11 @@ constexpr unsigned char kStartDelimiter = 0xA5;
 constexpr unsigned char kEndDelimiter = 0x5A;
 constexpr unsigned kMinFrameLength = 11;
 constexpr unsigned kLengthFieldEnd = 5;
+
+uint32_t littleEndian32(const unsigned char* p) {
+  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
 
 }  // namespace
 
@@ -46,35 +52,22 @@ InputMessage& InputMessage::operator=(InputMessage&& other) noexcept {
   return *this;
 }
 
+// Reads the header and the end delimiter in place: it runs once for every frame received.
 bool InputMessage::verifyMessage() {
   clearValidity();
   const unsigned dataLength = buffer.getDataLength();
   if (dataLength < kMinFrameLength) return false;
-  const unsigned previousOffset = buffer.getAndThenSetOffset(0);
-  bool ok = getUInt8(buffer) == kStartDelimiter;
-  uint32_t frameLength = 0;
-  uint8_t frameType = 0;
-  uint32_t frameInfo = 0;
-  if (ok) {
-    frameLength = getUInt32(buffer);
-    // A length below 6 would put the end delimiter inside the header: such a frame is malformed
-    // whatever byte stands there.
-    ok = frameLength <= dataLength - kLengthFieldEnd && frameLength >= kMinFrameLength - 5;
-  }
-  if (ok) {
-    frameType = getUInt8(buffer);
-    frameInfo = getUInt32(buffer);
-    buffer.setOffset(frameLength + 4);
-    ok = getUInt8(buffer) == kEndDelimiter;
-  }
-  if (!ok) {
-    buffer.setOffset(previousOffset);
-    return false;
-  }
+  const auto* bytes = reinterpret_cast<const unsigned char*>(buffer.getData());
+  if (bytes[0] != kStartDelimiter) return false;
+  const uint32_t frameLength = littleEndian32(bytes + 1);
+  // A length below 6 would put the end delimiter inside the header: such a frame is malformed
+  // whatever byte stands there.
+  if (frameLength > dataLength - kLengthFieldEnd || frameLength < kMinFrameLength - 5) return false;
+  if (bytes[frameLength + 4] != kEndDelimiter) return false;
   buffer.setOffset(kPayloadOffset);
   length = frameLength;
-  type = frameType;
-  additionalInfo = frameInfo;
+  type = bytes[5];
+  additionalInfo = littleEndian32(bytes + 6);
   valid = true;
   return true;
 }

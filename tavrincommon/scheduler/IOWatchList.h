@@ -31,6 +31,8 @@ class IOWatchListEntry {
   uint32_t callCount = 0;
   // Set with the callback emptied; lets the watcher tell a removal during the entry's own call.
   bool removed = false;
+  // Its callback is being called: a removal meanwhile leaves the function object to the caller.
+  bool running = false;
   // Registered in epoll under this entry. Cleared when its descriptor number was found to belong
   // to a newer registration: removing this entry must not unregister that one.
   bool inEpoll = false;

@@ -112,7 +112,9 @@ void IOWatcher::removeItemFromPoll(IOWatchListEntry* entry) {
   }
   entry->inEpoll = false;
   entry->removed = true;
-  entry->callback = nullptr;
+  // A callback that removes its own registration is still running: watch() lets go of it after
+  // it has returned.
+  if (!entry->running) entry->callback = nullptr;
 }
 
 // Registrations that cannot be taken back one by one go with the whole epoll instance: a new one
@@ -203,7 +205,7 @@ void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loop
         woken = true;
         continue;
       }
-      if (!entry->callback) {
+      if (entry->removed || entry->running || !entry->callback) {
         TAVRIN_LOG(logging, kOrigin, SeverityLevel::Service,
                    "Triggered already removed event (%s, fd: %d), ignoring",
                    logging->originToString(entry->origin), entry->fd);
@@ -211,21 +213,22 @@ void IOWatcher::watch(const MonotonicMs& deadline, tavrinCommon::TinyMutex* loop
       }
       ++entry->callCount;
       const MonotonicMs before = now;
-      // The callback runs from a local copy so that removing its own registration does not
-      // destroy the function object while it executes; it is destroyed after it returns.
+      // While the callback runs, removing its registration leaves the function object alone; it
+      // is destroyed here once the call has returned.
       IOWatchItem::Result result;
       {
         struct Running {
           IOWatchListEntry* entry;
-          std::function<IOWatchItem::Result(int)> callback;
           const MonotonicMs*& start;
           ~Running() {
-            if (!entry->removed) entry->callback = std::move(callback);
+            entry->running = false;
+            if (entry->removed) entry->callback = nullptr;
             start = nullptr;
           }
-        } running{entry, std::move(entry->callback), callbackStart};
+        } running{entry, callbackStart};
+        entry->running = true;
         callbackStart = &before;
-        result = running.callback(static_cast<int>(events[i].events));
+        result = entry->callback(static_cast<int>(events[i].events));
       }
       now = MonotonicMs();
       const int32_t took = now - before;

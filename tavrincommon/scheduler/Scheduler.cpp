@@ -103,11 +103,13 @@ void Scheduler::startIdleTask() { idleTaskScheduler.start(); }
 
 void Scheduler::run(int timeoutMs) {
   const int wait = std::min(timeoutMs, watchdog->getResetTimeoutMs());
-  // One reading of the clock serves the deadline, the due timeouts and the start of the IO wait,
-  // unless a worker or a timeout ran in between.
-  MonotonicMs now;
+  // One reading of the clock serves the deadline, the worker pass, the due timeouts and the start
+  // of the IO wait, unless a worker or a timeout ran in between.
+  const timespec turnStart = tavrinCommon::system::Clock::getTime(
+      tavrinCommon::system::Clock::Monotonic);
+  MonotonicMs now(MonotonicMs::ticksOf(turnStart));
   MonotonicMs deadline = now + wait;
-  runTasksAndTimeouts(deadline, now);
+  runTasksAndTimeouts(deadline, now, &turnStart);
   watchdog->reset();
   ioWatcher.watch(deadline, loopMutex, now);
   watchdog->reset();
@@ -115,19 +117,29 @@ void Scheduler::run(int timeoutMs) {
 
 void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline) {
   MonotonicMs now;
-  runTasksAndTimeouts(deadline, now);
+  runTasksAndTimeouts(deadline, now, nullptr);
 }
 
-void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline, MonotonicMs& now) {
+void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline, MonotonicMs& now,
+                                    const timespec* turnStart) {
   // A turn with no worker scheduled, no timeout armed from another thread and none due leaves
   // the loop mutex alone: most turns of a busy loop only wait for IO.
   if (!timeoutsPending.load(std::memory_order_acquire) &&
       timeoutTaskScheduler.nothingDue(now, deadline) && taskScheduler.skipIfNothingToRun())
     return;
-  TinyMutexGuard guard(loopMutex);
+  // Waiting for the mutex (another thread held it) makes the turn's reading stale.
+  if (!loopMutex->trylock()) {
+    loopMutex->lock();
+    turnStart = nullptr;
+    now = MonotonicMs();
+  }
+  struct Unlock {
+    tavrinCommon::TinyMutex* mutex;
+    ~Unlock() { mutex->unlock(); }
+  } unlock{loopMutex};
   activatePendingTimeouts();
   // A pass that ran out of budget leaves work behind: the IO wait must not block.
-  const bool leftWork = runTasks();
+  const bool leftWork = taskScheduler.run(turnStart);
   if (taskScheduler.lastPassRanWorkers())
     now = MonotonicMs(MonotonicMs::ticksOf(taskScheduler.lastReading()));
   if (leftWork) deadline = now;

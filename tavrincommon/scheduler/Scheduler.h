@@ -86,9 +86,10 @@ class Scheduler {
   void dump(std::ostream& out, const char* prefix);
 
  private:
-  // runTasksAndTimeouts from the turn's reading of the clock, which it brings up to date when a
-  // worker or a timeout ran.
-  void runTasksAndTimeouts(tavrinCommon::MonotonicMs& deadline, tavrinCommon::MonotonicMs& now);
+  // runTasksAndTimeouts from the turn's reading of the clock (`now`, and `turnStart` when there is
+  // one), which it brings up to date when a worker or a timeout ran.
+  void runTasksAndTimeouts(tavrinCommon::MonotonicMs& deadline, tavrinCommon::MonotonicMs& now,
+                           const timespec* turnStart);
   // With the loop mutex held.
   void activatePendingTimeouts();
   bool onOwnerThread() const { return pthread_equal(pthread_self(), ownerThread) != 0; }

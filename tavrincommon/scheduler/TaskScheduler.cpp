@@ -25,14 +25,14 @@ int elapsedMs(const timespec& from, const timespec& to) {
 
 }  // namespace
 
-bool TaskScheduler::run() {
+bool TaskScheduler::run(const timespec* start) {
   ++runCounter;
   Worker* worker = workers.pop();
   ranWorkers = worker != nullptr;
   // Nothing to run: the pass needs no clock. Otherwise one reading per worker: the reading after
   // a worker is the start of the next one.
   if (!worker) return false;
-  timespec now = monotonicNow();
+  timespec now = start ? *start : monotonicNow();
   timespec passEnd = now;
   passEnd.tv_sec += kWorkerPassBudgetMs / 1000;
   passEnd.tv_nsec += (kWorkerPassBudgetMs % 1000) * 1000000L;

@@ -26,7 +26,9 @@ class TaskScheduler {
   bool add(Worker* worker) { return workers.add(worker, false); }
   void remove(Worker* worker) { workers.remove(worker); }
   // One worker pass. True when the budget ran out with workers still scheduled.
-  bool run();
+  bool run() { return run(nullptr); }
+  // The same, starting from the caller's reading of the monotonic clock when `start` is given.
+  bool run(const timespec* start);
   // A pass that would find no worker: counted as a pass, without touching the list's mutex.
   bool skipIfNothingToRun() {
     if (!workers.emptyNow()) return false;

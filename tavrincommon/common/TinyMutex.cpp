@@ -16,13 +16,8 @@ TinyMutex::TinyMutex(RecursiveTag) {
 
 TinyMutex::~TinyMutex() { pthread_mutex_destroy(&mutex); }
 
-void TinyMutex::lock() {
-  int error = pthread_mutex_lock(&mutex);
-  if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_mutex_lock");
+void TinyMutex::lockFailed(int error) {
+  throw std::system_error(error, std::generic_category(), "pthread_mutex_lock");
 }
-
-bool TinyMutex::trylock() { return pthread_mutex_trylock(&mutex) == 0; }
-
-void TinyMutex::unlock() { pthread_mutex_unlock(&mutex); }
 
 }  // namespace tavrinCommon

@@ -14,16 +14,23 @@ class TinyMutex {
   TinyMutex(const TinyMutex&) = delete;
   TinyMutex& operator=(const TinyMutex&) = delete;
 
-  virtual void lock();
+  // Inline, so that a mutex held by value (whose type the compiler knows) costs no extra call.
+  virtual void lock() {
+    const int error = pthread_mutex_lock(&mutex);
+    if (error != 0) lockFailed(error);
+  }
   // True when acquired; never waits.
-  virtual bool trylock();
-  virtual void unlock();
+  virtual bool trylock() { return pthread_mutex_trylock(&mutex) == 0; }
+  virtual void unlock() { pthread_mutex_unlock(&mutex); }
 
  protected:
   struct RecursiveTag {};
   explicit TinyMutex(RecursiveTag);
 
   pthread_mutex_t mutex;
+
+ private:
+  [[noreturn]] static void lockFailed(int error);
 };
 
 class TinyRecursiveMutex : public TinyMutex {

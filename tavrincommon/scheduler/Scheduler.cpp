@@ -102,7 +102,9 @@ void Scheduler::addIdleTask(Worker* worker) { idleTaskScheduler.addWorker(worker
 void Scheduler::startIdleTask() { idleTaskScheduler.start(); }
 
 void Scheduler::run(int timeoutMs) {
-  const int wait = std::min(timeoutMs, watchdog->getResetTimeoutMs());
+  // The default watchdog does nothing and allows 10 s: its calls are skipped.
+  const int wait = std::min(
+      timeoutMs, ownWatchdog ? WatchdogInterface::kDefaultResetTimeoutMs : watchdog->getResetTimeoutMs());
   // One reading of the clock serves the deadline, the worker pass, the due timeouts and the start
   // of the IO wait, unless a worker or a timeout ran in between.
   const timespec turnStart = tavrinCommon::system::Clock::getTime(
@@ -110,9 +112,9 @@ void Scheduler::run(int timeoutMs) {
   MonotonicMs now(MonotonicMs::ticksOf(turnStart));
   MonotonicMs deadline = now + wait;
   runTasksAndTimeouts(deadline, now, &turnStart);
-  watchdog->reset();
+  if (!ownWatchdog) watchdog->reset();
   ioWatcher.watch(deadline, loopMutex, now);
-  watchdog->reset();
+  if (!ownWatchdog) watchdog->reset();
 }
 
 void Scheduler::runTasksAndTimeouts(MonotonicMs& deadline) {
@@ -161,6 +163,7 @@ void Scheduler::setLogging(tavrinLog::TavrinLogging* logging) {
 }
 
 void Scheduler::setWatchdog(std::unique_ptr<WatchdogInterface>&& watchdog_) {
+  ownWatchdog = !watchdog_;
   if (watchdog_) {
     watchdog = std::move(watchdog_);
   } else {

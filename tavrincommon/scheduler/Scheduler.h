@@ -105,6 +105,8 @@ class Scheduler {
   std::atomic<bool> timeoutsPending{false};
   pthread_t ownerThread;
   std::unique_ptr<WatchdogInterface> watchdog;
+  // The watchdog is the FakeWatchdog put in place here.
+  bool ownWatchdog = true;
 };
 
 }  // namespace tavrinScheduler

@@ -58,8 +58,7 @@ void MessageBuffer::reset(unsigned size) {
 
 void MessageBuffer::resetToEmpty() { release(); }
 
-void MessageBuffer::setBytes(unsigned char value, unsigned n) {
-  if (n == 0) return;
+void MessageBuffer::setBytesGrowing(unsigned char value, unsigned n) {
   ensureBufferSpace(n);
   std::memset(cursor, value, n);
   advanceWritten(n);

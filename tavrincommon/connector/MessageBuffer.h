@@ -36,7 +36,15 @@ class MessageBuffer {
     std::memcpy(cursor, data, n);
     advanceWritten(n);
   }
-  void setBytes(unsigned char value, unsigned n);
+  void setBytes(unsigned char value, unsigned n) {
+    if (n == 0) return;
+    if (n > static_cast<unsigned>(capacityEnd - cursor)) {
+      setBytesGrowing(value, n);
+      return;
+    }
+    std::memset(cursor, value, n);
+    advanceWritten(n);
+  }
   // Copies at most the bytes left before the end of the data; returns how many it copied.
   unsigned read(void* out, unsigned n) {
     const unsigned m = n < getRemaining() ? n : getRemaining();
@@ -95,6 +103,7 @@ class MessageBuffer {
   void growFor(unsigned n);
   void grow(uint64_t capacity);
   void release();
+  void setBytesGrowing(unsigned char value, unsigned n);
   // Raises the high-water mark after a write moved the cursor past it.
   void advanceWritten(unsigned n) {
     cursor += n;

@@ -73,6 +73,7 @@ void TCPConnectorBase::releaseAll() {
   activeConnections.clear();
   handlersToDestroy.clear();
   tcpConnections.clear();
+  ++retirements;
   tcpConnectionsToDestroy.clear();
   // Closing the connections above may have queued events and scheduled the worker once more.
   connectionEvents->clear();
@@ -463,6 +464,7 @@ void TCPConnectorBase::retireTCPConnection(const SimpleEndpoint& peer,
   if (expected && found->second.get() != expected) return;
   tcpConnectionsToDestroy.push_back(std::move(found->second));
   tcpConnections.erase(found);
+  ++retirements;
   scheduler->addWorker(this);
 }
 

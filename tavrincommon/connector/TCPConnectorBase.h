@@ -75,6 +75,8 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   static constexpr int kPendingCheckPeriodMs = 5005;
   static constexpr int kTCPIdleTimeoutMs = 10000;
   static constexpr int kWorkSliceMs = 300;
+  // Frames handled between two looks at the clock within a slice.
+  static constexpr unsigned kFramesPerClockLook = 8;
 
   TCPConnectorBase(tavrinScheduler::Scheduler* scheduler, tavrinLog::TavrinLogging* logging);
   // Subclasses call tearDown() first in their own destructor; this one only releases what is
@@ -342,6 +344,9 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
       connectionEvents;
   std::vector<std::unique_ptr<ConnectionHandlerBase>> handlersToDestroy;
   std::vector<std::unique_ptr<SingleTCPConnectionEndpoint>> tcpConnectionsToDestroy;
+  // Counts TCP connections taken out of the table: a frame loop that finds it unchanged knows
+  // that its connection is still in place without looking it up.
+  uint32_t retirements = 0;
   uint32_t maxFrameLength;
   ConnectionLimits limits;
   BoundCounters boundCounters;

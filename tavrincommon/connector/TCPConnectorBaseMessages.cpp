@@ -58,13 +58,16 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
     SingleTCPConnectionEndpoint& connection, const timespec& deadline) {
   if (connection.getReceiveQueueSize() == 0) return Finished;
   const SimpleEndpoint peer = peerOf(connection);
-  // The worker has looked at the clock just before: the first frame is handled without another
-  // look, which would cost as much as handling a small one.
-  for (bool first = true; first || !reached(deadline); first = false) {
-    // Checked after every handled frame (the worker has just found it for the first): handlers
-    // may retire the connection meanwhile (it lives until the end of the worker's run), and the
-    // frames of a retired connection go with it.
-    if (!first && getTCPConnection(peer) != &connection) return Finished;
+  const uint32_t retiredBefore = retirements;
+  for (unsigned handled = 0;; ++handled) {
+    if (handled > 0) {
+      // A look at the clock costs as much as handling a small frame: the slice is checked every
+      // few frames (the worker has just looked before the first).
+      if (handled % kFramesPerClockLook == 0 && reached(deadline)) break;
+      // Handlers may retire the connection meanwhile (it lives until the end of the worker's
+      // run), and the frames of a retired connection go with it.
+      if (retirements != retiredBefore && getTCPConnection(peer) != &connection) return Finished;
+    }
     std::unique_ptr<InputMessage> message = connection.fetchReceivedMessage();
     if (!message) return Finished;
     const unsigned type = message->getType();

@@ -5,8 +5,9 @@
 # once, then all again, so that a slow minute of the machine touches every figure alike. Each row
 # shows ours, the peer measured in the same program run, and ours ÷ peer, as the median of the
 # runs with [min - max]. A ratio is computed per run before the median is taken. Rows whose peer
-# was not compiled in (libuv, asio, spdlog, libzmq missing) are left out; the scale rows have no
-# peer and show their target instead.
+# was not compiled in (libuv, asio, spdlog, libzmq missing) are left out; the scale and allocation
+# rows have no peer and show their target instead. With valgrind installed, the instruction counts
+# of bench/instructions.sh follow the table.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -117,6 +118,9 @@ singles = [
     ("scale: delivery latency p50 us, 1,000 msgs/s", scale, "p50_us", ""),
     ("scale: delivery latency p99 us, 1,000 msgs/s", scale, "p99_us", ""),
 ]
+for size, label in (("16B", "16 B"), ("2048B", "2 KiB"), ("65536B", "64 KiB")):
+    singles.append((f"connector allocations per message, {label}, master / slave",
+                    f"connector_data/{size}", ("allocs/msg_master", "allocs/msg_slave"), "0 / 0"))
 
 def spread(values):
     if not values:
@@ -140,10 +144,15 @@ for figure, ours_name, ours_field, peer_name, peer_field in pairs:
     if ours:
         rows.append((figure, spread(ours), spread(peer), spread(ratio) + "x"))
 for figure, name, field, target in singles:
-    ours = [value(e, field) for e in (find(run, name) for run in range(runs))
-            if e and value(e, field) is not None]
-    if ours:
-        rows.append((figure, spread(ours), f"target {target}" if target else "-", "-"))
+    fields = field if isinstance(field, tuple) else (field,)
+    columns = []
+    for f in fields:
+        ours = [value(e, f) for e in (find(run, name) for run in range(runs))
+                if e and value(e, f) is not None]
+        if ours:
+            columns.append(spread(ours))
+    if len(columns) == len(fields):
+        rows.append((figure, " / ".join(columns), f"target {target}" if target else "-", "-"))
 
 header = ("figure", "ours", "peer", "ratio")
 widths = [max(len(r[i]) for r in rows + [header]) for i in range(4)]
@@ -153,3 +162,10 @@ print("|" + "|".join("-" * (w + 2) for w in widths) + "|")
 for r in rows:
     print("| " + " | ".join(c.ljust(w) for c, w in zip(r, widths)) + " |")
 EOF
+
+# Instruction counts do not depend on the machine's load: one run is enough.
+if command -v valgrind >/dev/null && [[ -x $build/bench/tavrin_instructions ]]; then
+  echo
+  echo "user-space instructions per operation (callgrind):"
+  bench/instructions.sh "$build"
+fi

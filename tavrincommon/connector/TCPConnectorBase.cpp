@@ -295,11 +295,10 @@ tavrinScheduler::Worker::Result TCPConnectorBase::work() {
     const SimpleEndpoint endpoint = connectionEvents->front().first;
     const bool force = connectionEvents->front().second;
     connectionEvents->pop_front();
-    auto found = tcpConnections.find(endpoint);
-    if (found == tcpConnections.end()) continue;
     // A raw pointer: handlers may retire this connection while its messages are handled, and
     // retired connections live on until the end of this run.
-    SingleTCPConnectionEndpoint* connection = found->second.get();
+    SingleTCPConnectionEndpoint* connection = getTCPConnection(endpoint);
+    if (!connection) continue;
     if (!force) {
       // Frames that arrived before a connection ended are handled before it is torn down.
       if (handleReceivedMessages(*connection, deadline) == Continue) {
@@ -350,9 +349,8 @@ ConnectionHandlerBase::SendFunction TCPConnectorBase::makeSendFunction(
   // connection that has been retired in the meantime.
   const ConnectionHandlerBase* const owner = &handler;
   return [this, owner](std::unique_ptr<OutputMessage>&& message) {
-    auto found = tcpConnections.find(owner->getRemoteEndpoint());
-    if (found != tcpConnections.end())
-      sendDataMessage(owner->getRemoteConnectionId(), *found->second, std::move(message));
+    if (SingleTCPConnectionEndpoint* connection = getTCPConnection(owner->getRemoteEndpoint()))
+      sendDataMessage(owner->getRemoteConnectionId(), *connection, std::move(message));
   };
 }
 
@@ -361,9 +359,9 @@ ConnectionHandlerBase::MessageSource TCPConnectorBase::makeMessageSource(
     const ConnectionHandlerBase& handler) {
   const ConnectionHandlerBase* const owner = &handler;
   return [this, owner](unsigned payloadSize) -> std::unique_ptr<OutputMessage> {
-    auto found = tcpConnections.find(owner->getRemoteEndpoint());
-    if (found == tcpConnections.end()) return nullptr;
-    return found->second->getTransceiver().takeOutputMessage(payloadSize);
+    SingleTCPConnectionEndpoint* connection = getTCPConnection(owner->getRemoteEndpoint());
+    if (!connection) return nullptr;
+    return connection->getTransceiver().takeOutputMessage(payloadSize);
   };
 }
 
@@ -476,8 +474,12 @@ ConnectionHandlerBase* TCPConnectorBase::getConnection(unsigned connectionId) co
 }
 
 SingleTCPConnectionEndpoint* TCPConnectorBase::getTCPConnection(const SimpleEndpoint& peer) const {
+  if (lastFound.connection && lastFound.retirements == retirements && lastFound.peer == peer)
+    return lastFound.connection;
   auto found = tcpConnections.find(peer);
-  return found == tcpConnections.end() ? nullptr : found->second.get();
+  if (found == tcpConnections.end()) return nullptr;
+  lastFound = {peer, found->second.get(), retirements};
+  return lastFound.connection;
 }
 
 void TCPConnectorBase::dump(std::ostream& os, const char* prefix) const {

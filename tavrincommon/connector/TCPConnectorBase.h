@@ -346,7 +346,15 @@ class TCPConnectorBase : public tavrinScheduler::Worker, public tavrinScheduler:
   std::vector<std::unique_ptr<SingleTCPConnectionEndpoint>> tcpConnectionsToDestroy;
   // Counts TCP connections taken out of the table: a frame loop that finds it unchanged knows
   // that its connection is still in place without looking it up.
-  uint32_t retirements = 0;
+  uint64_t retirements = 0;
+  // The TCP connection found last: every frame and every send looks its connection up, nearly
+  // always the same one. Valid while no connection has left the table since.
+  struct LastFound {
+    tavrinNetwork::SimpleEndpoint peer;
+    SingleTCPConnectionEndpoint* connection = nullptr;
+    uint64_t retirements = 0;
+  };
+  mutable LastFound lastFound;
   uint32_t maxFrameLength;
   ConnectionLimits limits;
   BoundCounters boundCounters;

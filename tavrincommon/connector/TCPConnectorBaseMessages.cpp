@@ -58,7 +58,7 @@ tavrinScheduler::Worker::Result TCPConnectorBase::handleReceivedMessages(
     SingleTCPConnectionEndpoint& connection, const timespec& deadline) {
   if (connection.getReceiveQueueSize() == 0) return Finished;
   const SimpleEndpoint peer = peerOf(connection);
-  const uint32_t retiredBefore = retirements;
+  const uint64_t retiredBefore = retirements;
   for (unsigned handled = 0;; ++handled) {
     if (handled > 0) {
       // A look at the clock costs as much as handling a small frame: the slice is checked every

@@ -122,10 +122,12 @@ for size, label in (("16B", "16 B"), ("2048B", "2 KiB"), ("65536B", "64 KiB")):
     singles.append((f"connector allocations per message, {label}, master / slave",
                     f"connector_data/{size}", ("allocs/msg_master", "allocs/msg_slave"), "0 / 0"))
 
-def spread(values):
+def spread(values, decimals=None):
     if not values:
         return "-"
     def fmt(x):
+        if decimals is not None:
+            return f"{x:.{decimals}f}"
         return f"{x:.3g}" if abs(x) < 1000 else f"{x:,.0f}"
     if len(values) == 1:
         return fmt(values[0])
@@ -150,7 +152,7 @@ for figure, name, field, target in singles:
         ours = [value(e, f) for e in (find(run, name) for run in range(runs))
                 if e and value(e, f) is not None]
         if ours:
-            columns.append(spread(ours))
+            columns.append(spread(ours, 2 if f.startswith("allocs") else None))
     if len(columns) == len(fields):
         rows.append((figure, " / ".join(columns), f"target {target}" if target else "-", "-"))
 

@@ -181,21 +181,26 @@ bool TCPTransceiver::finalizeConnection() {
 
 bool TCPTransceiver::inputReady() {
   for (;;) {
-    // The rest of a large frame is read straight into its storage: one read and one copy instead
-    // of a read-chunk round per 2 KiB. Headers and small frames go through the read chunk.
-    const bool direct = remainingBytes >= kReadChunkSize && !waitingForHeader &&
-                        receiveBuffer.getDataLength() > 0;
+    // Frames at least as long as a read chunk are read straight into their storage, each read
+    // taking the rest of the frame and the next frame's header: one copy of their bytes, and once
+    // the reads line up with the frames, one read per frame. Shorter frames come several to a
+    // read through the read chunk.
+    const bool direct = remainingBytes > 0 && !waitingForHeader && frameLength >= kReadChunkSize;
     int requested = kReadChunkSize;
     char* target = readChunk;
     if (direct) {
-      // The storage grows with what has arrived (the socket tells how much waits), not with what
-      // the header declares: a peer that announces a large frame and sends little costs little.
-      int waiting = 0;
-      if (ioctl(socket->getFd(), FIONREAD, &waiting) != 0 || waiting < kReadChunkSize)
-        waiting = kReadChunkSize;
-      if (!growFrameStorage(std::min(remainingBytes, static_cast<uint32_t>(waiting)))) return false;
+      const uint32_t wanted = remainingBytes + kFrameHeaderSize;
+      if (receiveBuffer.getCapacity() - receiveBuffer.getOffset() < wanted) {
+        // The storage grows with what has arrived (the socket tells how much waits), not with
+        // what the header declares: a peer that announces a large frame and sends little costs
+        // little.
+        int waiting = 0;
+        if (ioctl(socket->getFd(), FIONREAD, &waiting) != 0 || waiting < kReadChunkSize)
+          waiting = kReadChunkSize;
+        if (!growFrameStorage(std::min(wanted, static_cast<uint32_t>(waiting)))) return false;
+      }
       const unsigned room = receiveBuffer.getCapacity() - receiveBuffer.getOffset();
-      requested = static_cast<int>(std::min<uint32_t>({remainingBytes, room, 1u << 30}));
+      requested = static_cast<int>(std::min<uint32_t>({wanted, room, 1u << 30}));
       target = receiveBuffer.prepareWrite(static_cast<unsigned>(requested));
     }
     const int r = socket->receive(target, requested);
@@ -216,12 +221,21 @@ bool TCPTransceiver::inputReady() {
                  SimpleEndpoint::CharString(endpoint).c_str());
       return false;
     }
-    if (direct) {
+    if (!direct) {
+      if (!parsePacket(readChunk, r)) return false;
+    } else if (static_cast<uint32_t>(r) < remainingBytes) {
       receiveBuffer.commitWritten(static_cast<unsigned>(r));
       remainingBytes -= static_cast<uint32_t>(r);
-      if (remainingBytes == 0 && !deliverFrame()) return false;
-    } else if (!parsePacket(readChunk, r)) {
-      return false;
+    } else {
+      // What follows the frame's last byte is the start of the next header: it goes to the next
+      // frame's storage once this frame has left.
+      const unsigned extra = static_cast<unsigned>(r) - remainingBytes;
+      char next[kFrameHeaderSize];
+      std::memcpy(next, target + remainingBytes, extra);
+      receiveBuffer.commitWritten(remainingBytes);
+      remainingBytes = 0;
+      if (!deliverFrame() || (extra > 0 && !parsePacket(next, static_cast<int>(extra))))
+        return false;
     }
     bytesReceived += static_cast<uint32_t>(r);
     tavrinCommon::LivenessToken::Watch alive(liveness);
@@ -278,10 +292,13 @@ bool TCPTransceiver::parsePacket(const char* data, int length) {
         return false;
       }
       frameLength = kFrameHeaderSize + remainingBytes;
+      // A frame read straight into its storage has room behind it for the next header.
+      frameStorage = frameLength + (frameLength >= kReadChunkSize ? kFrameHeaderSize : 0);
       // Small frames get their room at once, larger ones for the bytes in this read; the rest
       // grows as it arrives. The storage is the one the delivered message keeps.
-      const uint32_t room =
-          frameLength <= kEagerFrameStorage ? remainingBytes : std::min(remainingBytes, n - needed);
+      const uint32_t room = frameLength <= kEagerFrameStorage
+                                ? static_cast<uint32_t>(frameStorage) - kFrameHeaderSize
+                                : std::min(remainingBytes, n - needed);
       if (!growFrameStorage(needed + room)) return false;
       receiveBuffer.write(data, needed);
       data += needed;
@@ -309,7 +326,7 @@ bool TCPTransceiver::growFrameStorage(unsigned more) {
   // Doubling up to the declared length: copies stay below the frame's size in all.
   const uint64_t doubled = 2 * static_cast<uint64_t>(receiveBuffer.getCapacity());
   const uint64_t target =
-      std::min<uint64_t>(frameLength, std::max<uint64_t>(doubled, length + more));
+      std::min<uint64_t>(frameStorage, std::max<uint64_t>(doubled, length + more));
   try {
     receiveBuffer.reserveExact(static_cast<unsigned>(target - length));
   } catch (const std::bad_alloc&) {

@@ -154,8 +154,10 @@ class TCPTransceiver {
   MessageBuffer receiveBuffer;
   bool waitingForHeader = false;
   uint32_t remainingBytes = 0;
-  // Header, payload and delimiters of the frame being assembled, as its header declares.
+  // Header, payload and delimiters of the frame being assembled, as its header declares, and the
+  // storage it may take.
   uint64_t frameLength = 0;
+  uint64_t frameStorage = 0;
   bool outputEventEnabled = false;
   // Holds, and its spare sent messages count in, the send queue's heap.
   std::unique_ptr<internal::RingQueue<std::unique_ptr<OutputMessage>>> sendQueue;

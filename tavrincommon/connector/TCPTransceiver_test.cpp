@@ -171,6 +171,14 @@ TEST_F(TCPTransceiverTest, LargeFrameReadIntoItsStorageStopsAtItsLastByte) {
   ASSERT_EQ(received.size(), 4u);
   EXPECT_EQ(received[2], large);
   EXPECT_EQ(received[3], next);
+
+  // Each read into a frame's storage also takes the next header, or the part of it that is there.
+  const std::string a = frameOf(4, 5, std::string(2100, 'a'));
+  const std::string b = frameOf(4, 6, std::string(2200, 'b')), c = frameOf(4, 7, "c");
+  fake->addChunk(a + b.substr(0, 2));
+  fake->addChunk(b.substr(2) + c);
+  for (int i = 0; i < 6; ++i) readable();
+  EXPECT_EQ(received, (std::vector<std::string>{large, next, large, next, a, b, c}));
 }
 
 TEST_F(TCPTransceiverTest, CompletesHeaderSplitAfterThreeBytes) {

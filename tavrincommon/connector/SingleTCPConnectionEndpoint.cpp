@@ -104,16 +104,22 @@ void SingleTCPConnectionEndpoint::startIdlePeriod() {
   startTimer(idleTimeoutMs >= 1 ? idleTimeoutMs : keepAliveTimeoutMs);
 }
 
+bool SingleTCPConnectionEndpoint::hasLogicalConnection(unsigned int id) const {
+  return std::binary_search(logicalConnections.begin(), logicalConnections.end(), id);
+}
+
 void SingleTCPConnectionEndpoint::addLogicalConnection(unsigned int id) {
   if (logicalConnections.empty()) {
     keepAliveTimer.stop();
     resetKeepAliveTimeout(true);
   }
-  logicalConnections.insert(id);
+  const auto at = std::lower_bound(logicalConnections.begin(), logicalConnections.end(), id);
+  if (at == logicalConnections.end() || *at != id) logicalConnections.insert(at, id);
 }
 
 bool SingleTCPConnectionEndpoint::removeLogicalConnection(unsigned int id) {
-  logicalConnections.erase(id);
+  const auto at = std::lower_bound(logicalConnections.begin(), logicalConnections.end(), id);
+  if (at != logicalConnections.end() && *at == id) logicalConnections.erase(at);
   if (!logicalConnections.empty()) return false;
   startIdlePeriod();
   return true;

@@ -9,8 +9,8 @@
 #include "tavrincommon/network/TCPSocketInterface.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 
-#include <set>
 #include <utility>
+#include <vector>
 
 #include <sys/socket.h>
 
@@ -153,7 +153,7 @@ void TCPConnectorBase::disconnectRemoteDevice(SimpleIp remoteIp, int reason) {
 void TCPConnectorBase::disconnectRemoteConnectionId(SingleTCPConnectionEndpoint& connection,
                                                     unsigned remoteConnectionId, int reason) {
   if (connection.getLogicalConnections().empty()) return;
-  const std::set<unsigned int> ids = connection.getLogicalConnections();
+  const std::vector<unsigned int> ids = connection.getLogicalConnections();
   for (unsigned id : ids) {
     if (!connection.hasLogicalConnection(id)) continue;
     auto found = activeConnections.find(id);
@@ -173,7 +173,7 @@ void TCPConnectorBase::disconnectRemoteConnectionId(SingleTCPConnectionEndpoint&
 
 void TCPConnectorBase::disconnectLogicalConnections(SingleTCPConnectionEndpoint& connection,
                                                     int reason, bool sendMessage) {
-  const std::set<unsigned int> ids = connection.getLogicalConnections();
+  const std::vector<unsigned int> ids = connection.getLogicalConnections();
   for (unsigned id : ids) {
     // An id that a callback has ended meanwhile may already name a new connection elsewhere.
     if (!connection.hasLogicalConnection(id)) continue;

@@ -11,6 +11,7 @@
 #include "tavrincommon/network/TCPSocketInterface.h"
 #include "tavrincommon/scheduler/Scheduler.h"
 
+#include <cstdio>
 #include <ostream>
 #include <vector>
 
@@ -270,72 +271,55 @@ void TCPConnectorMaster::handleMoveMessage(SingleTCPConnectionEndpoint& connecti
                                            unsigned remoteDeviceId, InputMessage& message) {
   const SimpleEndpoint peer = peerOf(connection);
   const unsigned typeNumber = type;
-  auto reject = [&](int reason) {
+  // One line and one reject for every refusal. `current`: the connection's handler, once found.
+  auto cannotMove = [&](const ConnectionHandlerBase* current, const char* why, int reason) {
+    if (current) {
+      TAVRIN_LOG_LIMITED(
+          peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+          "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
+          "(remote connection id: %u, device id: %u): %s!",
+          connectionId, typeNumber, current->getRemoteConnectionId(), text(peer).c_str(),
+          remoteConnectionId, remoteDeviceId, why);
+    } else {
+      TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+                         "Cannot move connection %u (type %u) to TCP endpoint %s (remote "
+                         "connection id: %u, device id: %u): %s!",
+                         connectionId, typeNumber, text(peer).c_str(), remoteConnectionId,
+                         remoteDeviceId, why);
+    }
     sendConnectionRejectMessage(connection, reason, clusterId, remoteConnectionId, connectionId,
                                 type);
   };
+  char why[64];
   if (!allowMove) {
-    TAVRIN_LOG_LIMITED(
-        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-        "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
-        "device id: %u): not allowed (general setting)!",
-        connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
-    reject(DisconnectReason::notAllowed);
+    cannotMove(nullptr, "not allowed (general setting)", DisconnectReason::notAllowed);
     return;
   }
   if (requestedClusterId != clusterId) {
-    TAVRIN_LOG_LIMITED(
-        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-        "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
-        "device id: %u): wrong cluster id %u (own: %u)!",
-        connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId,
-        requestedClusterId, clusterId);
-    reject(DisconnectReason::wrongClusterId);
+    std::snprintf(why, sizeof why, "wrong cluster id %u (own: %u)", requestedClusterId, clusterId);
+    cannotMove(nullptr, why, DisconnectReason::wrongClusterId);
     return;
   }
   ConnectionHandlerBase* handler = getConnection(connectionId);
   if (!handler || !handler->isConnected()) {
-    TAVRIN_LOG_LIMITED(
-        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-        "Cannot move connection %u (type %u) to TCP endpoint %s (remote connection id: %u, "
-        "device id: %u): connection not found!",
-        connectionId, typeNumber, text(peer).c_str(), remoteConnectionId, remoteDeviceId);
-    reject(DisconnectReason::notPresent);
+    cannotMove(nullptr, "connection not found", DisconnectReason::notPresent);
     return;
   }
   if (!handler->moveConnectionAllowed()) {
-    TAVRIN_LOG_LIMITED(
-        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-        "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
-        "(remote connection id: %u, device id: %u): not allowed (connection handler "
-        "setting)!",
-        connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
-        remoteConnectionId, remoteDeviceId);
-    reject(DisconnectReason::notAllowed);
+    cannotMove(handler, "not allowed (connection handler setting)", DisconnectReason::notAllowed);
     return;
   }
   if (handler->getType() != type) {
-    TAVRIN_LOG_LIMITED(
-        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-        "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
-        "(remote connection id: %u, device id: %u): wrong type (current: %u)!",
-        connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
-        remoteConnectionId, remoteDeviceId, unsigned{handler->getType()});
-    reject(DisconnectReason::wrongType);
+    std::snprintf(why, sizeof why, "wrong type (current: %u)", unsigned{handler->getType()});
+    cannotMove(handler, why, DisconnectReason::wrongType);
     return;
   }
   bool versionOffered = false;
   for (unsigned short offered : readVersions(message))
     if (offered == handler->getVersion()) versionOffered = true;
   if (!versionOffered) {
-    TAVRIN_LOG_LIMITED(
-        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-        "Cannot move connection %u (type %u, remote connection id: %u) to TCP endpoint %s "
-        "(remote connection id: %u, device id: %u): no compatible connection handler "
-        "found!",
-        connectionId, typeNumber, handler->getRemoteConnectionId(), text(peer).c_str(),
-        remoteConnectionId, remoteDeviceId);
-    reject(DisconnectReason::noCompatibleConnectionHandler);
+    cannotMove(handler, "no compatible connection handler found",
+               DisconnectReason::noCompatibleConnectionHandler);
     return;
   }
   finalizeMoveConnection(*handler, connectionId, remoteConnectionId, remoteDeviceId, connection);

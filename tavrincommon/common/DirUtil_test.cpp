@@ -52,7 +52,7 @@ TEST_F(DirUtilTest, CreateDirPathCreatesMissingLevelsAndLogsEachButNotUnderAFile
   EXPECT_FALSE(dirUtil::isDir(path("file").c_str()));
 }
 
-TEST_F(DirUtilTest, FileQueriesRenameAndDelete) {
+TEST_F(DirUtilTest, FileQueriesRenameDeleteAndSysfsReadWithinTheBuffer) {
   EXPECT_EQ(dirUtil::fileSize(path("missing").c_str()), -1);
   EXPECT_FALSE(dirUtil::fileExists(path("missing").c_str()));
   write("f", "hello");
@@ -63,9 +63,8 @@ TEST_F(DirUtilTest, FileQueriesRenameAndDelete) {
   EXPECT_FALSE(dirUtil::fileExists(path("f").c_str()));
   EXPECT_TRUE(dirUtil::fileDelete(path("g").c_str()));
   EXPECT_FALSE(dirUtil::fileDelete(path("g").c_str()));
-}
 
-TEST_F(DirUtilTest, SysfsReadTerminatesWithinTheBuffer) {
+  // A sysfs read terminates the text within the buffer.
   write("value", "42\n");
   char buffer[3] = {'x', 'x', 'x'};
   EXPECT_TRUE(dirUtil::sysfsRead(path("value").c_str(), buffer, sizeof buffer));

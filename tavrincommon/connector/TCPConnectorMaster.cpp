@@ -109,75 +109,8 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
   auto reject = [&](int reason, unsigned id) {
     sendConnectionRejectMessage(connection, reason, clusterId, remoteConnectionId, id, type);
   };
-  if (requestedClusterId != clusterId) {
-    TAVRIN_LOG_LIMITED(
-        peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-        "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
-        "%s (device id: %u): wrong cluster id %u (own: %u)!",
-        connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId,
-        requestedClusterId, clusterId);
-    reject(DisconnectReason::wrongClusterId, connectionId);
-    return;
-  }
-  // notAllowed is the reason a slave already handles for a request the master will not serve.
-  if (connection.getLogicalConnections().size() >= limits.maxLogicalConnectionsPerTCPConnection) {
-    ++boundCounters.connectsRefused;
-    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-                       "Cannot create connection %u (type %u, remote connection id: %u) on TCP "
-                       "endpoint %s (device id: %u): %zu logical connections on it already (limit "
-                       "%zu)!",
-                       connectionId, typeNumber, remoteConnectionId, text(peer).c_str(),
-                       remoteDeviceId, connection.getLogicalConnections().size(),
-                       limits.maxLogicalConnectionsPerTCPConnection);
-    reject(DisconnectReason::notAllowed, connectionId);
-    return;
-  }
-  const bool automatic = connectionId == kInvalidConnectionId;
-  if (automatic) {
-    auto range = automaticConnections.find(type);
-    if (range == automaticConnections.end()) {
-      TAVRIN_LOG_LIMITED(
-          peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-          "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
-          "endpoint %s (device id: %u): connection not allowed!",
-          typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
-      reject(DisconnectReason::notAllowed, kInvalidConnectionId);
-      return;
-    }
-    connectionId =
-        getNextFreeConnectionId(range->second.first, range->second.second, lastAutomaticIds[type]);
-    if (connectionId == kInvalidConnectionId) {
-      TAVRIN_LOG_LIMITED(
-          peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-          "Cannot create automatic connection type %u (remote connection id: %u) on TCP "
-          "endpoint %s (device id: %u): no free connection id found (range %u - %u)!",
-          typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId, range->second.first,
-          range->second.second);
-      reject(DisconnectReason::notAllowed, kInvalidConnectionId);
-      return;
-    }
-  } else {
-    auto allowed = allowedConnections.find(connectionId);
-    if (allowed == allowedConnections.end() || allowed->second != type) {
-      TAVRIN_LOG_LIMITED(
-          peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-          "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
-          "%s (device id: %u): connection not allowed!",
-          connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
-      reject(DisconnectReason::notAllowed, connectionId);
-      return;
-    }
-    if (activeConnections.count(connectionId) && !overwriteExisting) {
-      TAVRIN_LOG_LIMITED(
-          peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
-          "Cannot create connection %u (type %u, remote connection id: %u) on TCP endpoint "
-          "%s (device id: %u): connection already exists!",
-          connectionId, typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId);
-      reject(DisconnectReason::notAllowed, connectionId);
-      return;
-    }
-  }
-  const char* automaticText = automatic ? "automatic, " : "";
+  // One line and one reject for every refusal; "automatic, " once an automatic id was taken.
+  const char* automaticText = "";
   auto cannotCreate = [&](const char* why, int reason) {
     TAVRIN_LOG_LIMITED(
         peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
@@ -187,6 +120,55 @@ void TCPConnectorMaster::handleConnectMessage(SingleTCPConnectionEndpoint& conne
         remoteDeviceId, why);
     reject(reason, connectionId);
   };
+  auto cannotCreateAutomatic = [&](const char* why) {
+    TAVRIN_LOG_LIMITED(peerLogLimiter, logging, kOrigin, SeverityLevel::Error,
+                       "Cannot create automatic connection type %u (remote connection id: %u) on "
+                       "TCP endpoint %s (device id: %u): %s!",
+                       typeNumber, remoteConnectionId, text(peer).c_str(), remoteDeviceId, why);
+    reject(DisconnectReason::notAllowed, kInvalidConnectionId);
+  };
+  char why[80];
+  if (requestedClusterId != clusterId) {
+    std::snprintf(why, sizeof why, "wrong cluster id %u (own: %u)", requestedClusterId, clusterId);
+    cannotCreate(why, DisconnectReason::wrongClusterId);
+    return;
+  }
+  // notAllowed is the reason a slave already handles for a request the master will not serve.
+  if (connection.getLogicalConnections().size() >= limits.maxLogicalConnectionsPerTCPConnection) {
+    ++boundCounters.connectsRefused;
+    std::snprintf(why, sizeof why, "%zu logical connections on it already (limit %zu)",
+                  connection.getLogicalConnections().size(),
+                  limits.maxLogicalConnectionsPerTCPConnection);
+    cannotCreate(why, DisconnectReason::notAllowed);
+    return;
+  }
+  const bool automatic = connectionId == kInvalidConnectionId;
+  if (automatic) {
+    auto range = automaticConnections.find(type);
+    if (range == automaticConnections.end()) {
+      cannotCreateAutomatic("connection not allowed");
+      return;
+    }
+    connectionId =
+        getNextFreeConnectionId(range->second.first, range->second.second, lastAutomaticIds[type]);
+    if (connectionId == kInvalidConnectionId) {
+      std::snprintf(why, sizeof why, "no free connection id found (range %u - %u)",
+                    range->second.first, range->second.second);
+      cannotCreateAutomatic(why);
+      return;
+    }
+  } else {
+    auto allowed = allowedConnections.find(connectionId);
+    if (allowed == allowedConnections.end() || allowed->second != type) {
+      cannotCreate("connection not allowed", DisconnectReason::notAllowed);
+      return;
+    }
+    if (activeConnections.count(connectionId) && !overwriteExisting) {
+      cannotCreate("connection already exists", DisconnectReason::notAllowed);
+      return;
+    }
+  }
+  if (automatic) automaticText = "automatic, ";
   auto versions = connectionHandlers.find(type);
   if (versions == connectionHandlers.end() || versions->second.empty()) {
     cannotCreate("no connection handler found", DisconnectReason::noConnectionHandler);

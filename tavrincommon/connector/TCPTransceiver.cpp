@@ -44,13 +44,6 @@ Function orNothing(Function function) {
   return function;
 }
 
-// A copy runs, so that the stored function may be replaced, or its owner destroyed, meanwhile.
-template <typename Function, typename... Args>
-void callCopy(const Function& function, Args&&... args) {
-  const Function running = function;
-  running(std::forward<Args>(args)...);
-}
-
 // EINTR is a signal that arrived during the call, not a broken connection: try on the next turn.
 bool isTransient(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
@@ -246,7 +239,7 @@ bool TCPTransceiver::inputReady() {
     }
     bytesReceived += static_cast<uint32_t>(r);
     tavrinCommon::LivenessToken::Watch alive(liveness);
-    callCopy(dataReceivedCallback);
+    dataReceivedCallback();
     // A callback may have destroyed the transceiver, closed the connection or paused reading.
     if (!alive || !socket->valid()) return false;
     if (r != requested || receivePaused) return true;
@@ -376,7 +369,7 @@ bool TCPTransceiver::deliverFrame() {
     return false;
   }
   tavrinCommon::LivenessToken::Watch alive(liveness);
-  callCopy(receiveCallback, std::move(message));
+  receiveCallback(std::move(message));
   return alive && socket->valid();
 }
 
@@ -480,7 +473,7 @@ void TCPTransceiver::disconnect() {
   socket->close();
   TAVRIN_LOG(logging, kOrigin, SeverityLevel::Debug, "Disconnecting endpoint %s...",
              SimpleEndpoint::CharString(endpoint).c_str());
-  callCopy(disconnectedCallback);
+  disconnectedCallback();
 }
 
 }  // namespace tavrinConnector

@@ -4,6 +4,7 @@
 // socket and the queued messages; keeps the logging object. Loop thread only; nothing is locked.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/common/LivenessToken.h"
 #include "tavrincommon/connector/MessageBuffer.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
@@ -140,12 +141,11 @@ class TCPTransceiver {
 
   tavrinLog::TavrinLogging* logging;
   tavrinNetwork::SimpleEndpoint endpoint;
-  // Called through a copy, so that a callback may replace them or destroy the transceiver while it
-  // runs. The connection's own functions fit std::function's storage: the copy allocates nothing
-  // and costs less than a shared reference count.
-  ReceiveCallback receiveCallback;
-  std::function<void()> dataReceivedCallback;
-  std::function<void()> disconnectedCallback;
+  // Shared_ptr-held, so that a callback may replace them or destroy the transceiver while it runs;
+  // a call costs a reference count, which the per-frame path can afford.
+  tavrinCommon::CallbackSlot<ReceiveCallback> receiveCallback;
+  tavrinCommon::CallbackSlot<void()> dataReceivedCallback;
+  tavrinCommon::CallbackSlot<void()> disconnectedCallback;
   RegisterSocketEvent registerSocketEvent;
   ChangeSocketEvent changeSocketEvent;
   std::unique_ptr<tavrinNetwork::TCPSocketInterface> socket;

@@ -88,19 +88,24 @@ std::string streamOf(size_t payloadSize, size_t& frames) {
   return stream;
 }
 
-void BM_ReceivePath(benchmark::State& state) {
+// `recycled`: each frame goes back to the transceiver once handled, as a TCP connection of the
+// connector gives back what its handlers let go; otherwise every frame is destroyed.
+void receivePath(benchmark::State& state, bool recycled) {
   size_t frames = 0;
   const std::string stream = streamOf(static_cast<size_t>(state.range(0)), frames);
   auto socket = std::make_unique<MemoryStreamSocket>(stream);
   MemoryStreamSocket* source = socket.get();
   size_t delivered = 0;
+  TCPTransceiver* self = nullptr;
   TCPTransceiver transceiver(
       tavrinNetwork::SimpleEndpoint(), std::move(socket), true,
       [&](std::unique_ptr<InputMessage>&& message) {
         benchmark::DoNotOptimize(message->getAdditionalInfo());
         ++delivered;
+        if (recycled) self->recycle(std::move(message));
       },
       {}, {}, {}, {}, nullptr);
+  self = &transceiver;
   const size_t allocationsBefore = allocations;
   for (auto _ : state) {
     source->rewind();
@@ -113,6 +118,9 @@ void BM_ReceivePath(benchmark::State& state) {
   state.counters["allocs/frame"] =
       static_cast<double>(allocations - allocationsBefore) / static_cast<double>(delivered);
 }
+
+void BM_ReceivePath(benchmark::State& state) { receivePath(state, false); }
+void BM_ReceivePathRecycled(benchmark::State& state) { receivePath(state, true); }
 
 void BM_PlainCopy(benchmark::State& state) {
   size_t frames = 0;
@@ -170,6 +178,7 @@ void BM_BuildDataMessage(benchmark::State& state) {
 }
 
 BENCHMARK(BM_ReceivePath)->Arg(16)->Arg(256)->Arg(2048)->Arg(65536);
+BENCHMARK(BM_ReceivePathRecycled)->Arg(16)->Arg(2048)->Arg(65536);
 BENCHMARK(BM_PlainCopy)->Arg(16)->Arg(256)->Arg(2048)->Arg(65536);
 BENCHMARK(BM_SocketReadsOnly)->Arg(16)->Arg(2048)->Arg(65536);
 BENCHMARK(BM_BuildConnectMessage);

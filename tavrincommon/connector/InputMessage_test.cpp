@@ -21,23 +21,19 @@ class InputMessageTest : public ::testing::Test {
   }
 };
 
-TEST_F(InputMessageTest, VerifiesFramesAndReadsTheHeader) {
-  const std::string empty = bytes({0xA5, 6, 0, 0, 0, 3, 4, 3, 2, 1, 0x5A});
-  InputMessage message = make(empty);
+TEST_F(InputMessageTest, VerifiesFramesAndRefusesMalformedOnesLeavingTheCursor) {
+  const std::string good = bytes({0xA5, 6, 0, 0, 0, 3, 4, 3, 2, 1, 0x5A});
+  InputMessage message = make(good);
   EXPECT_TRUE(message.isValid());
   EXPECT_EQ(message.getLength(), 6u);
   EXPECT_EQ(message.getType(), 3u);
   EXPECT_EQ(message.getAdditionalInfo(), 0x01020304u);
   EXPECT_EQ(message.buffer.getOffset(), 10u);
-
   // Trailing bytes after the end delimiter are ignored.
-  InputMessage trailing = make(empty + std::string(9, '\x5A'));
+  InputMessage trailing = make(good + std::string(9, '\x5A'));
   EXPECT_TRUE(trailing.isValid());
   EXPECT_EQ(trailing.getLength(), 6u);
-}
 
-TEST_F(InputMessageTest, RefusesMalformedFramesAndLeavesTheCursor) {
-  const std::string good = bytes({0xA5, 6, 0, 0, 0, 3, 4, 3, 2, 1, 0x5A});
   std::string badStart = good;
   badStart[0] = '\x00';
   std::string badEnd = good;
@@ -48,12 +44,12 @@ TEST_F(InputMessageTest, RefusesMalformedFramesAndLeavesTheCursor) {
   tooShortLength[1] = 3;
   tooShortLength[7] = '\x5A';  // where a length of 3 would look for the end delimiter
   for (const std::string& data : {good.substr(0, 10), badStart, badEnd, tooLong, tooShortLength}) {
-    InputMessage message(data.data(), static_cast<unsigned>(data.size()), false);
-    message.buffer.setOffset(2);
-    EXPECT_FALSE(message.verifyMessage());
-    EXPECT_FALSE(message.isValid());
-    EXPECT_EQ(message.getType(), 0u);
-    EXPECT_EQ(message.buffer.getOffset(), 2u);
+    InputMessage bad(data.data(), static_cast<unsigned>(data.size()), false);
+    bad.buffer.setOffset(2);
+    EXPECT_FALSE(bad.verifyMessage());
+    EXPECT_FALSE(bad.isValid());
+    EXPECT_EQ(bad.getType(), 0u);
+    EXPECT_EQ(bad.buffer.getOffset(), 2u);
   }
 }
 

@@ -25,7 +25,6 @@
 #include <string>
 #include <vector>
 
-
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -312,16 +311,15 @@ TEST_F(ReliabilityTest, ConnectionLimitsRefuseTheSurplusAndKeepServingTheRest) {
   // One TCP connection asking for more logical connections than it may carry.
   peers.clear();
   ASSERT_TRUE(runUntil([&] { return master.getTCPConnectionCount() == 0; }, 5s));
-  auto hoarderPeer = connectPeer("127.0.0.2");
-  RawPeer& hoarder = *hoarderPeer;
+  auto hoarder = connectPeer("127.0.0.2");
   std::string requests = frame(2, 0);
   for (uint32_t own = 1; own <= 3; ++own) {
     tavrinTesting::Bytes connect;
     connect.u32(0xFFFFFFFF).u16(kType).u32(own).u32(300).u16(1).u16(1);
     requests += frame(3, kCluster, connect.data);
   }
-  hoarder.sendSome(requests);
-  const std::vector<Frame> replies = answers(hoarder, 3);
+  hoarder->sendSome(requests);
+  const std::vector<Frame> replies = answers(*hoarder, 3);
   ASSERT_EQ(replies.size(), 3u);
   EXPECT_EQ(replies[0].type, 9);
   EXPECT_EQ(replies[1].type, 9);

@@ -1,5 +1,7 @@
 #include "tavrincommon/log/TavrinLogging.h"
 
+#include "tavrincommon/log/internal/LineFormatter.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -89,13 +91,10 @@ void TavrinLogging::log(int origin, SeverityLevel::Type severity, const char* fo
     used = append(buffer, used, SeverityLevel::getText(severity));
     used = append(buffer, used, ": ");
   }
-  buffer[used] = '\0';
-  if (used < kBufferSize - 1) {
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(buffer + used, kBufferSize - used, format, args);
-    va_end(args);
-  }
+  va_list args;
+  va_start(args, format);
+  internal::formatLine(buffer + used, kBufferSize - used, format, args);
+  va_end(args);
   logCallback(origin, severity, buffer);
 }
 

@@ -1,0 +1,439 @@
+#include "tavrincommon/log/internal/LineFormatter.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
+namespace tavrinLog {
+namespace internal {
+
+namespace {
+
+// A width or precision past this goes to vsnprintf, which knows how to fail on a huge one; a log
+// line is far shorter.
+constexpr int kMaxField = 4096;
+
+struct Output {
+  char* next;
+  char* end;  // the terminator's place
+
+  size_t room() const { return static_cast<size_t>(end - next); }
+  void put(const char* text, size_t length) {
+    if (length > room()) length = room();
+    std::memcpy(next, text, length);
+    next += length;
+  }
+  void fill(char c, size_t count) {
+    if (count > room()) count = room();
+    std::memset(next, c, count);
+    next += count;
+  }
+  // After snprintf or vsnprintf wrote at `next` with room() + 1 bytes; `written` is its result.
+  void advance(int written) {
+    next += written < 0 ? std::strlen(next) : std::min(static_cast<size_t>(written), room());
+  }
+};
+
+struct Spec {
+  bool left = false;
+  bool plus = false;
+  bool space = false;
+  bool alternate = false;
+  bool zero = false;
+  int width = 0;
+  int precision = -1;  // none
+};
+
+enum class Length { None, Char, Short, Long, LongLong, Max, Size, Difference, LongDouble };
+
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+// Digits of `value` written backwards, ending just before `end`; returns the first digit.
+char* writeDigits(char* end, uintmax_t value, unsigned base, bool upper) {
+  if (base == 10) {
+    // 32-bit division where the value allows it: a 64-bit one is a library call on 32-bit ARM.
+    while (value > UINT32_MAX) {
+      *--end = static_cast<char>('0' + value % 10);
+      value /= 10;
+    }
+    auto small = static_cast<uint32_t>(value);
+    while (small >= 100) {
+      const char* pair = kDigitPairs + 2 * (small % 100);
+      small /= 100;
+      *--end = pair[1];
+      *--end = pair[0];
+    }
+    if (small >= 10) {
+      *--end = kDigitPairs[2 * small + 1];
+      *--end = kDigitPairs[2 * small];
+    } else {
+      *--end = static_cast<char>('0' + small);
+    }
+    return end;
+  }
+  const char* set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+  const unsigned shift = base == 16 ? 4 : 3;
+  do {
+    *--end = set[value & (base - 1)];
+    value >>= shift;
+  } while (value != 0);
+  return end;
+}
+
+unsigned decimalLength(uint32_t value) {
+  unsigned length = 1;
+  for (uint32_t bound = 10; value >= bound && length < 10; bound *= 10) ++length;
+  return length;
+}
+
+// The digits go straight to the output where they fit, as they nearly always do.
+void putDecimal(Output& out, uintmax_t magnitude, bool negative) {
+  if (magnitude <= UINT32_MAX) {
+    const size_t length = decimalLength(static_cast<uint32_t>(magnitude)) + negative;
+    if (length <= out.room()) {
+      out.next += length;
+      char* first = writeDigits(out.next, magnitude, 10, false);
+      if (negative) first[-1] = '-';
+      return;
+    }
+  }
+  char text[21];  // a sign and 20 digits
+  char* const end = text + sizeof text;
+  char* first = writeDigits(end, magnitude, 10, false);
+  if (negative) *--first = '-';
+  out.put(first, static_cast<size_t>(end - first));
+}
+
+void putPadded(Output& out, const Spec& spec, const char* text, size_t length) {
+  const size_t padding =
+      static_cast<size_t>(spec.width) > length ? static_cast<size_t>(spec.width) - length : 0;
+  if (!spec.left) out.fill(' ', padding);
+  out.put(text, length);
+  if (spec.left) out.fill(' ', padding);
+}
+
+// An integer conversion: sign or prefix, zeros for the precision (or the width with the 0 flag),
+// the digits, spaces for the width.
+void putInteger(Output& out, const Spec& spec, uintmax_t magnitude, char sign, unsigned base,
+                bool upper) {
+  char text[24];  // 22 octal digits of 64 bits
+  char* const end = text + sizeof text;
+  char* first = end;
+  if (magnitude != 0 || spec.precision != 0) first = writeDigits(end, magnitude, base, upper);
+  const size_t digits = static_cast<size_t>(end - first);
+
+  char prefix[2];
+  size_t prefixLength = 0;
+  if (sign) prefix[prefixLength++] = sign;
+  if (spec.alternate && base == 16 && magnitude != 0) {
+    prefix[prefixLength++] = '0';
+    prefix[prefixLength++] = upper ? 'X' : 'x';
+  }
+  size_t zeros = spec.precision > 0 && static_cast<size_t>(spec.precision) > digits
+                     ? static_cast<size_t>(spec.precision) - digits
+                     : 0;
+  // The alternate octal form starts with a zero, also for the value 0 at precision 0.
+  if (spec.alternate && base == 8 && zeros == 0 && (digits == 0 || *first != '0')) zeros = 1;
+
+  const size_t length = prefixLength + zeros + digits;
+  size_t padding =
+      static_cast<size_t>(spec.width) > length ? static_cast<size_t>(spec.width) - length : 0;
+  const bool zeroPadding = spec.zero && !spec.left && spec.precision < 0;
+  if (zeroPadding) {
+    zeros += padding;
+    padding = 0;
+  }
+  if (!spec.left) out.fill(' ', padding);
+  out.put(prefix, prefixLength);
+  out.fill('0', zeros);
+  out.put(first, digits);
+  if (spec.left) out.fill(' ', padding);
+}
+
+// "%<flags><width>.<precision><L><conversion>" for snprintf, with the numbers of '*' resolved.
+void buildFloatSpec(char* spec, const Spec& parsed, bool longDouble, char conversion) {
+  char* p = spec;
+  *p++ = '%';
+  if (parsed.left) *p++ = '-';
+  if (parsed.plus) *p++ = '+';
+  if (parsed.space) *p++ = ' ';
+  if (parsed.alternate) *p++ = '#';
+  if (parsed.zero) *p++ = '0';
+  char digits[12];
+  char* const digitsEnd = digits + sizeof digits;
+  if (parsed.width > 0) {
+    const char* first = writeDigits(digitsEnd, static_cast<unsigned>(parsed.width), 10, false);
+    while (first != digitsEnd) *p++ = *first++;
+  }
+  if (parsed.precision >= 0) {
+    *p++ = '.';
+    const char* first = writeDigits(digitsEnd, static_cast<unsigned>(parsed.precision), 10, false);
+    while (first != digitsEnd) *p++ = *first++;
+  }
+  if (longDouble) *p++ = 'L';
+  *p++ = conversion;
+  *p = '\0';
+}
+
+// Reads the digits of a width or precision; one past kMaxField stands for any larger number.
+const char* parseNumber(const char* p, int& number) {
+  number = 0;
+  while (*p >= '0' && *p <= '9') {
+    if (number <= kMaxField) number = number * 10 + (*p - '0');
+    ++p;
+  }
+  if (number > kMaxField) number = kMaxField + 1;
+  return p;
+}
+
+}  // namespace
+
+size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
+  Output out{buffer, buffer + size - 1};
+  const char* p = format;
+  while (out.next != out.end) {
+    const char* literal = p;
+    while (*p != '\0' && *p != '%') ++p;
+    out.put(literal, static_cast<size_t>(p - literal));
+    if (*p == '\0' || out.next == out.end) break;
+
+    // The conversions that most log calls are made of, without flags, width or precision.
+    switch (p[1]) {
+      case 's': {
+        const char* text = va_arg(args, const char*);
+        if (text == nullptr) text = "(null)";
+        out.put(text, std::strlen(text));
+        p += 2;
+        continue;
+      }
+      case 'd':
+      case 'i': {
+        const int value = va_arg(args, int);
+        putDecimal(out, value < 0 ? 0u - static_cast<unsigned>(value) : static_cast<unsigned>(value),
+                   value < 0);
+        p += 2;
+        continue;
+      }
+      case 'u':
+        putDecimal(out, va_arg(args, unsigned), false);
+        p += 2;
+        continue;
+      case 'z':
+        if (p[2] != 'u') break;
+        putDecimal(out, va_arg(args, size_t), false);
+        p += 3;
+        continue;
+      default:
+        break;
+    }
+
+    const char* const conversionStart = p++;
+    Spec spec;
+    bool handled = true;
+    for (bool flags = true; flags;) {
+      switch (*p) {
+        case '-': spec.left = true; ++p; break;
+        case '+': spec.plus = true; ++p; break;
+        case ' ': spec.space = true; ++p; break;
+        case '#': spec.alternate = true; ++p; break;
+        case '0': spec.zero = true; ++p; break;
+        default: flags = false;
+      }
+    }
+    // A '*' is read only once the conversion is known to be ours, so that vsnprintf may still
+    // take the whole conversion with its arguments.
+    const bool widthArgument = *p == '*';
+    if (widthArgument) {
+      ++p;
+    } else {
+      p = parseNumber(p, spec.width);
+      handled = spec.width <= kMaxField;
+    }
+    bool precisionArgument = false;
+    const bool precisionGiven = *p == '.';
+    if (precisionGiven) {
+      ++p;
+      precisionArgument = *p == '*';
+      if (precisionArgument) {
+        ++p;
+      } else {
+        p = parseNumber(p, spec.precision);
+        handled = handled && spec.precision <= kMaxField;
+      }
+    }
+    Length length = Length::None;
+    switch (*p) {
+      case 'h':
+        ++p;
+        length = *p == 'h' ? (++p, Length::Char) : Length::Short;
+        break;
+      case 'l':
+        ++p;
+        length = *p == 'l' ? (++p, Length::LongLong) : Length::Long;
+        break;
+      case 'j': ++p; length = Length::Max; break;
+      case 'z': ++p; length = Length::Size; break;
+      case 't': ++p; length = Length::Difference; break;
+      case 'L': ++p; length = Length::LongDouble; break;
+      default: break;
+    }
+    const char conversion = *p;
+    const bool plainFlags = !spec.plus && !spec.space && !spec.alternate && !spec.zero;
+    switch (conversion) {
+      case 'd': case 'i': case 'u': case 'x': case 'X': case 'o':
+        handled = handled && length != Length::LongDouble;
+        break;
+      case 'c': case 's': case 'p':
+        handled = handled && length == Length::None && plainFlags &&
+                  (conversion == 's' || !precisionGiven);
+        break;
+      case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+        handled = handled && (length == Length::None || length == Length::Long ||
+                              length == Length::LongDouble);
+        break;
+      case '%':
+        handled = handled && p == conversionStart + 1;
+        break;
+      default:
+        handled = false;
+    }
+    if (!handled) {
+      out.advance(std::vsnprintf(out.next, out.room() + 1, conversionStart, args));
+      break;
+    }
+    if (widthArgument || precisionArgument) {
+      va_list before;
+      va_copy(before, args);
+      if (widthArgument) {
+        const int width = va_arg(args, int);
+        spec.left = spec.left || width < 0;
+        // Negated as unsigned: INT_MIN has no positive int.
+        const unsigned magnitude =
+            width < 0 ? 0u - static_cast<unsigned>(width) : static_cast<unsigned>(width);
+        handled = magnitude <= kMaxField;
+        spec.width = handled ? static_cast<int>(magnitude) : 0;
+      }
+      if (precisionArgument) {
+        const int precision = va_arg(args, int);
+        spec.precision = precision < 0 ? -1 : precision;
+        handled = handled && precision <= kMaxField;
+      }
+      if (!handled) out.advance(std::vsnprintf(out.next, out.room() + 1, conversionStart, before));
+      va_end(before);
+      if (!handled) break;
+    }
+    ++p;
+
+    switch (conversion) {
+      case 'd':
+      case 'i': {
+        intmax_t value;
+        switch (length) {
+          case Length::Char: value = static_cast<signed char>(va_arg(args, int)); break;
+          case Length::Short: value = static_cast<short>(va_arg(args, int)); break;
+          case Length::Long: value = va_arg(args, long); break;
+          case Length::LongLong: value = va_arg(args, long long); break;
+          case Length::Max: value = va_arg(args, intmax_t); break;
+          case Length::Size: value = va_arg(args, std::make_signed_t<size_t>); break;
+          case Length::Difference: value = va_arg(args, ptrdiff_t); break;
+          default: value = va_arg(args, int); break;
+        }
+        const uintmax_t magnitude =
+            value < 0 ? 0 - static_cast<uintmax_t>(value) : static_cast<uintmax_t>(value);
+        const char sign = value < 0 ? '-' : spec.plus ? '+' : spec.space ? ' ' : '\0';
+        putInteger(out, spec, magnitude, sign, 10, false);
+        break;
+      }
+      case 'u':
+      case 'x':
+      case 'X':
+      case 'o': {
+        uintmax_t value;
+        switch (length) {
+          case Length::Char: value = static_cast<unsigned char>(va_arg(args, unsigned)); break;
+          case Length::Short: value = static_cast<unsigned short>(va_arg(args, unsigned)); break;
+          case Length::Long: value = va_arg(args, unsigned long); break;
+          case Length::LongLong: value = va_arg(args, unsigned long long); break;
+          case Length::Max: value = va_arg(args, uintmax_t); break;
+          case Length::Size: value = va_arg(args, size_t); break;
+          case Length::Difference:
+            value = static_cast<std::make_unsigned_t<ptrdiff_t>>(va_arg(args, ptrdiff_t));
+            break;
+          default: value = va_arg(args, unsigned); break;
+        }
+        const unsigned base = conversion == 'u' ? 10 : conversion == 'o' ? 8 : 16;
+        putInteger(out, spec, value, '\0', base, conversion == 'X');
+        break;
+      }
+      case 'c': {
+        const char c = static_cast<char>(static_cast<unsigned char>(va_arg(args, int)));
+        putPadded(out, spec, &c, 1);
+        break;
+      }
+      case 's': {
+        const char* text = va_arg(args, const char*);
+        size_t textLength;
+        if (text == nullptr) {
+          // What the C library prints for a null string: "(null)", or nothing when the precision
+          // cuts it.
+          const bool fits = spec.precision < 0 || spec.precision >= 6;
+          text = fits ? "(null)" : "";
+          textLength = fits ? 6 : 0;
+        } else if (spec.precision >= 0) {
+          textLength = strnlen(text, static_cast<size_t>(spec.precision));
+        } else {
+          textLength = std::strlen(text);
+        }
+        putPadded(out, spec, text, textLength);
+        break;
+      }
+      case 'p': {
+        const void* pointer = va_arg(args, const void*);
+        if (pointer == nullptr) {
+          putPadded(out, spec, "(nil)", 5);
+        } else {
+          char text[2 + 2 * sizeof(uintptr_t)];
+          char* const end = text + sizeof text;
+          char* first = writeDigits(end, reinterpret_cast<uintptr_t>(pointer), 16, false);
+          *--first = 'x';
+          *--first = '0';
+          putPadded(out, spec, first, static_cast<size_t>(end - first));
+        }
+        break;
+      }
+      case '%':
+        out.put("%", 1);
+        break;
+      default: {  // floating point
+        char floatSpec[32];
+        const auto specLength = static_cast<size_t>(p - conversionStart);
+        if (!widthArgument && !precisionArgument && specLength < sizeof floatSpec) {
+          std::memcpy(floatSpec, conversionStart, specLength);
+          floatSpec[specLength] = '\0';
+        } else {
+          buildFloatSpec(floatSpec, spec, length == Length::LongDouble, conversion);
+        }
+        // The spec is built here from a checked format: its conversion matches the argument.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+        if (length == Length::LongDouble) {
+          out.advance(std::snprintf(out.next, out.room() + 1, floatSpec, va_arg(args, long double)));
+        } else {
+          out.advance(std::snprintf(out.next, out.room() + 1, floatSpec, va_arg(args, double)));
+        }
+#pragma GCC diagnostic pop
+        break;
+      }
+    }
+  }
+  *out.next = '\0';
+  return static_cast<size_t>(out.next - buffer);
+}
+
+}  // namespace internal
+}  // namespace tavrinLog

@@ -1,0 +1,230 @@
+#include "tavrincommon/log/internal/LineFormatter.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+using tavrinLog::internal::formatLine;
+
+// Formats with vsnprintf and with formatLine into buffers of every size from 1 to one past the
+// whole text; the characters, the terminator, the count stored and the bytes past the buffer's
+// end (never to be touched) must agree.
+::testing::AssertionResult matchesCLibrary(const char* format, ...)
+    __attribute__((format(printf, 1, 2)));
+
+::testing::AssertionResult matchesCLibrary(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list measure;
+  va_copy(measure, args);
+  const int whole = std::vsnprintf(nullptr, 0, format, measure);
+  va_end(measure);
+  const size_t guard = 8;
+  ::testing::AssertionResult result = ::testing::AssertionSuccess();
+  if (whole < 0) result = ::testing::AssertionFailure() << "vsnprintf failed on " << format;
+  for (size_t size = 1; whole >= 0 && size <= static_cast<size_t>(whole) + 1; ++size) {
+    std::vector<char> expected(size + guard, '\x55');
+    std::vector<char> actual(size + guard, '\x55');
+    va_list ours, theirs;
+    va_copy(theirs, args);
+    va_copy(ours, args);
+    std::vsnprintf(expected.data(), size, format, theirs);
+    const size_t stored = formatLine(actual.data(), size, format, ours);
+    va_end(ours);
+    va_end(theirs);
+    const size_t expectedStored = std::min(static_cast<size_t>(whole), size - 1);
+    if (expected != actual || stored != expectedStored) {
+      result = ::testing::AssertionFailure()
+               << "format \"" << format << "\", buffer of " << size << ": vsnprintf \""
+               << std::string(expected.data(), strnlen(expected.data(), size)) << "\" ("
+               << expectedStored << "), ours \""
+               << std::string(actual.data(), strnlen(actual.data(), size)) << "\" (" << stored
+               << ")" << (std::memcmp(expected.data() + size, actual.data() + size, guard) != 0
+                              ? ", written past the buffer"
+                              : "");
+      break;
+    }
+  }
+  va_end(args);
+  return result;
+}
+
+TEST(LineFormatterTest, MatchesTheCLibraryOnCommonConversionsAtEveryBufferSize) {
+  const char* const nullText = std::getenv("TAVRIN_NO_SUCH_VARIABLE_EVER");
+  int object = 0;
+  EXPECT_TRUE(matchesCLibrary("plain text, no conversion"));
+  EXPECT_TRUE(matchesCLibrary("conn %d from %s:%d state %s ratio %.2f", 17, "127.0.0.1", 5555,
+                              "open", 0.75));
+  EXPECT_TRUE(matchesCLibrary("%d %i %d %d %+d % d %+d", 0, -1, INT32_MIN, INT32_MAX, 5, 5, -5));
+  EXPECT_TRUE(matchesCLibrary("[%5d|%-5d|%05d|%+05d|%5.3d|%.0d|%.0d]", 42, 42, -42, 42, -7, 0,
+                              3));
+  EXPECT_TRUE(matchesCLibrary("%u %x %X %o %#x %#X %#o %#x %#o %#.0o %.0x", 0u, 0xbeefu, 0xbeefu,
+                              8u, 255u, 255u, 8u, 0u, 0u, 0u, 0u));
+  EXPECT_TRUE(matchesCLibrary("%02X:%02X %08X %#010x %-#8x| %#.5o", 0x0au, 0xffu, 0xc0ffeeu, 0xabu,
+                              0x1u, 9u));
+  EXPECT_TRUE(matchesCLibrary("%hhu %hhd %hu %hd %hhx", 300, 200, 70000, 40000, -1));
+  EXPECT_TRUE(matchesCLibrary("%ld %lu %lld %llu %llx %jd %ju %zu %zd %td %zx", LONG_MIN, ULONG_MAX,
+                              LLONG_MIN, ULLONG_MAX, 0x1234567890abcdefULL, INTMAX_MIN, UINTMAX_MAX,
+                              SIZE_MAX, static_cast<std::make_signed_t<size_t>>(-3),
+                              static_cast<ptrdiff_t>(-12345), static_cast<size_t>(4096)));
+  EXPECT_TRUE(matchesCLibrary("[%s|%10s|%-10s|%.3s|%10.3s|%-10.3s|%.0s|%.s|%.20s]", "abcdef",
+                              "abcdef", "abcdef", "abcdef", "abcdef", "abcdef", "abcdef", "abcdef",
+                              "abcdef"));
+  EXPECT_TRUE(matchesCLibrary("[%s|%10s|%-8s|%.6s|%.5s|%8.5s]", nullText, nullText, nullText,
+                              nullText, nullText, nullText));
+  EXPECT_TRUE(matchesCLibrary("[%c|%3c|%-3c|%c]", 'a', 'b', 'c', 0x141));
+  EXPECT_TRUE(matchesCLibrary("[%p|%20p|%-20p|%p|%8p|%-8p]", static_cast<void*>(&object),
+                              static_cast<void*>(&object), static_cast<void*>(&object),
+                              static_cast<void*>(nullptr), static_cast<void*>(nullptr),
+                              static_cast<void*>(nullptr)));
+  EXPECT_TRUE(matchesCLibrary("100%% of %d%%", 3));
+  EXPECT_TRUE(matchesCLibrary("[%*d|%-*d|%*d|%.*s|%.*s|%*.*d|%.*d]", 6, 1, 6, 2, -6, 3, 2, "abc",
+                              -1, "abc", 8, 4, 5, -2, 0));
+}
+
+TEST(LineFormatterTest, FloatingPointAndUnknownConversionsGoToTheCLibrary) {
+  const wchar_t* wide = L"wide";
+  EXPECT_TRUE(matchesCLibrary("%.2f ms at %s, %5.1f%%, %e %g %G %a %-12.3E| %+f %Lf %lf", 1.005,
+                              "here", 99.95, 12345.678, 1e-10, 1e300, 0.5, 3.0, -0.0, 2.5L, 7.25));
+  EXPECT_TRUE(matchesCLibrary("%05.1f|%-8.2f|% .3f|%#.0f|%*.*f|%d", 2.25, -1.5, 3.0, 4.0, 9, 3, 1.0,
+                              12));
+  EXPECT_TRUE(matchesCLibrary("wide %ls then %d and %lc", wide, 4, static_cast<wint_t>(L'x')));
+  EXPECT_TRUE(matchesCLibrary("%d %4097d|%.4097d", 1, 2, 3));
+  EXPECT_TRUE(matchesCLibrary("%d %*d|%.*d", 1, 4097, 2, 4097, 3));
+
+  // Formats that -Wformat would refuse in code: positional arguments, flags that the C library
+  // ignores.
+  const std::string positional = "%2$s, %1$d";
+  const std::string ignoredFlags = "%-05d|%05.3d|%+u|% x|%#d|%05s|%-5%";
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  EXPECT_TRUE(matchesCLibrary(positional.c_str(), 7, "second first"));
+  EXPECT_TRUE(matchesCLibrary(ignoredFlags.c_str(), 1, 2, 3u, 4u, 5, "s"));
+#pragma GCC diagnostic pop
+}
+
+// A random spec of the given conversion: flags (also ones the C library ignores or treats in its
+// own way), a width and a precision as digits, as '*' or absent.
+struct RandomSpec {
+  std::string text;
+  int stars = 0;
+};
+
+RandomSpec randomSpec(std::mt19937& random, const std::string& lengthAndConversion) {
+  auto chance = [&random](unsigned percent) { return random() % 100 < percent; };
+  RandomSpec spec{"%"};
+  for (char flag : std::string("-+ #0")) {
+    if (chance(20)) spec.text += flag;
+  }
+  if (chance(20)) {
+    spec.text += '*';
+    ++spec.stars;
+  } else if (chance(50)) {
+    spec.text += std::to_string(random() % 25);
+  }
+  if (chance(20)) {
+    spec.text += ".*";
+    ++spec.stars;
+  } else if (chance(40)) {
+    spec.text += '.';
+    if (chance(80)) spec.text += std::to_string(random() % 25);
+  }
+  spec.text += lengthAndConversion;
+  return spec;
+}
+
+std::string randomLiteral(std::mt19937& random) {
+  static const char kCharacters[] = "ab :%=\t";
+  std::string literal;
+  for (unsigned n = random() % 6; n > 0; --n) {
+    const char c = kCharacters[random() % (sizeof kCharacters - 1)];
+    literal += c == '%' ? std::string("%%") : std::string(1, c);
+  }
+  return literal;
+}
+
+// The format consumes two ints before the value: stars of the spec, or "%.0d" conversions that
+// print nothing for 0.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+template <typename Value>
+::testing::AssertionResult checkRandom(std::mt19937& random, const std::string& lengthAndConversion,
+                                       Value value) {
+  const RandomSpec spec = randomSpec(random, lengthAndConversion);
+  std::string format = randomLiteral(random);
+  for (int i = spec.stars; i < 2; ++i) format += "%.0d";
+  format += randomLiteral(random) + spec.text + randomLiteral(random);
+  auto star = [&random] { return static_cast<int>(random() % 40) - 15; };
+  const int first = spec.stars == 2 ? star() : 0;
+  const int second = spec.stars >= 1 ? star() : 0;
+  return matchesCLibrary(format.c_str(), first, second, value);
+}
+#pragma GCC diagnostic pop
+
+TEST(LineFormatterTest, MatchesTheCLibraryOnRandomFormats) {
+  std::mt19937 random(20260523);
+  auto integer = [&random]() -> long long {
+    static const long long kEdges[] = {0, 1, -1, INT32_MIN, INT32_MAX, UINT32_MAX, LLONG_MIN,
+                                       LLONG_MAX};
+    if (random() % 3 == 0) return kEdges[random() % (sizeof kEdges / sizeof kEdges[0])];
+    const long long wide = static_cast<long long>((uint64_t{random()} << 32) | random());
+    return random() % 2 ? wide : wide % 100000;
+  };
+  static const char* const kTexts[] = {"", "x", "hello world", nullptr, "a much longer text here"};
+  static const char* const kLengths[] = {"", "hh", "h", "l", "ll", "j", "z", "t"};
+  int object = 0;
+  for (int iteration = 0; iteration < 3000; ++iteration) {
+    const unsigned kind = random() % 12;
+    const std::string length = kLengths[random() % 8];
+    const long long value = integer();
+    ::testing::AssertionResult matched = ::testing::AssertionSuccess();
+    if (kind < 6) {
+      const bool isSigned = kind < 2;
+      const std::string conversion = length + "diuxXo"[kind];
+      if (length == "l") {
+        matched = isSigned ? checkRandom(random, conversion, static_cast<long>(value))
+                           : checkRandom(random, conversion, static_cast<unsigned long>(value));
+      } else if (length == "ll") {
+        matched = isSigned ? checkRandom(random, conversion, value)
+                           : checkRandom(random, conversion, static_cast<unsigned long long>(value));
+      } else if (length == "j") {
+        matched = isSigned ? checkRandom(random, conversion, static_cast<intmax_t>(value))
+                           : checkRandom(random, conversion, static_cast<uintmax_t>(value));
+      } else if (length == "z" || length == "t") {
+        matched = isSigned ? checkRandom(random, conversion, static_cast<ptrdiff_t>(value))
+                           : checkRandom(random, conversion, static_cast<size_t>(value));
+      } else {
+        matched = isSigned ? checkRandom(random, conversion, static_cast<int>(value))
+                           : checkRandom(random, conversion, static_cast<unsigned>(value));
+      }
+    } else if (kind < 8) {
+      matched = checkRandom(random, "s", kTexts[random() % 5]);
+    } else if (kind == 8) {
+      matched = checkRandom(random, "c", static_cast<int>(value));
+    } else if (kind == 9) {
+      void* const pointers[] = {nullptr, &object, reinterpret_cast<void*>(value)};
+      matched = checkRandom(random, "p", pointers[random() % 3]);
+    } else if (kind == 10) {
+      matched = checkRandom(random, std::string(1, "fegE"[random() % 4]),
+                            static_cast<double>(value) / 1024.0);
+    } else {
+      matched = checkRandom(random, "%", 0);
+    }
+    ASSERT_TRUE(matched) << "iteration " << iteration;
+  }
+}
+
+}  // namespace

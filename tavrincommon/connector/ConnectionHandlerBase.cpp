@@ -72,8 +72,16 @@ void ConnectionHandlerBase::requestDisconnect(int reason) {
 }
 
 void ConnectionHandlerBase::setFunctionsSafely(SendFunction send, DisconnectFunction disconnect) {
-  sendFunction = send ? std::move(send) : SendFunction([](std::unique_ptr<OutputMessage>&&) {});
-  disconnectFunction = disconnect ? std::move(disconnect) : DisconnectFunction([](int) {});
+  // Always replaced together, so both live in one allocation; a call keeps the pair alive.
+  struct Functions {
+    SendFunction send;
+    DisconnectFunction disconnect;
+  };
+  const auto both = std::make_shared<const Functions>(
+      Functions{send ? std::move(send) : SendFunction([](std::unique_ptr<OutputMessage>&&) {}),
+                disconnect ? std::move(disconnect) : DisconnectFunction([](int) {})});
+  sendFunction.share(std::shared_ptr<const SendFunction>(both, &both->send));
+  disconnectFunction.share(std::shared_ptr<const DisconnectFunction>(both, &both->disconnect));
 }
 
 void ConnectionHandlerBase::clearSendAndDisconnectFunctions() {

@@ -4,6 +4,7 @@
 // connect data of its connection. Loop thread of its connector only; nothing is locked.
 #pragma once
 
+#include "tavrincommon/common/CallbackSlot.h"
 #include "tavrincommon/connector/CustomConnectData.h"
 #include "tavrincommon/network/SimpleEndpoint.h"
 
@@ -11,7 +12,6 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
-#include <utility>
 
 namespace tavrinConnector {
 
@@ -97,32 +97,11 @@ class ConnectionHandlerBase {
   virtual void specificConnectionMoved(bool /*last*/) {}
   virtual void dumpSpecific(std::ostream& /*os*/, const char* /*prefix*/) const {}
 
-  // Held in place and called through a copy, so that the connector may replace or clear it while
-  // it runs (a send that ends the connection). The connector's functions fit std::function's own
-  // storage: neither holding nor copying one allocates, which keeps a logical connection's heap
-  // and a send's cost down.
-  template <typename R, typename... Args>
-  class CopiedCall {
-   public:
-    using Function = std::function<R(Args...)>;
-    CopiedCall& operator=(Function function_) {
-      function = std::move(function_);
-      return *this;
-    }
-    explicit operator bool() const { return static_cast<bool>(function); }
-    operator const Function&() const { return function; }  // NOLINT(google-explicit-constructor)
-    R operator()(Args... args) const {
-      const Function running = function;
-      return running(std::forward<Args>(args)...);
-    }
-
-   private:
-    Function function;
-  };
-
   bool serverSide = false;
-  CopiedCall<void, std::unique_ptr<OutputMessage>&&> sendFunction;
-  CopiedCall<void, int> disconnectFunction;
+  // Shared_ptr-held, so that the connector may replace or clear them while one runs (a send that
+  // ends the connection); a send costs a reference count.
+  tavrinCommon::CallbackSlot<SendFunction> sendFunction;
+  tavrinCommon::CallbackSlot<DisconnectFunction> disconnectFunction;
   unsigned int clusterId = kNoConnectionId;
   unsigned int connectionId = kNoConnectionId;
   bool automatic = false;

@@ -1,10 +1,13 @@
 #include "tavrincommon/log/internal/LineFormatter.h"
 
 #include <algorithm>
+#include <cfenv>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <type_traits>
+
+#include <langinfo.h>
 
 namespace tavrinLog {
 namespace internal {
@@ -86,9 +89,12 @@ char* writeDigits(char* end, uintmax_t value, unsigned base, bool upper) {
 }
 
 unsigned decimalLength(uint32_t value) {
-  unsigned length = 1;
-  for (uint32_t bound = 10; value >= bound && length < 10; bound *= 10) ++length;
-  return length;
+  if (value < 100000) {
+    if (value < 100) return value < 10 ? 1 : 2;
+    return value < 1000 ? 3 : value < 10000 ? 4 : 5;
+  }
+  if (value < 10000000) return value < 1000000 ? 6 : 7;
+  return value < 100000000 ? 8 : value < 1000000000 ? 9 : 10;
 }
 
 // The digits go straight to the output where they fit, as they nearly always do.
@@ -155,6 +161,88 @@ void putInteger(Output& out, const Spec& spec, uintmax_t magnitude, char sign, u
   if (spec.left) out.fill(' ', padding);
 }
 
+// %f of a double whose digits come out exactly with 64-bit integers: a value of at most 64 integer
+// bits and at most 60 fraction bits (0.75, 2.5, 1234.5678 and the like, not 0.1), and a
+// precision up to kMaxFixedPrecision; false for anything else. Rounds the exact binary value half
+// to even, as the C library does in the default rounding mode, which is checked; a locale whose
+// decimal point is not '.' is left to the C library.
+constexpr int kMaxFixedPrecision = 40;
+
+bool putFixed(Output& out, const Spec& spec, double value) {
+  uint64_t bits;
+  std::memcpy(&bits, &value, sizeof bits);
+  const bool negative = (bits >> 63) != 0;
+  const auto exponentBits = static_cast<int>((bits >> 52) & 0x7ff);
+  uint64_t mantissa = bits & ((uint64_t{1} << 52) - 1);
+  if (exponentBits == 0x7ff) return false;  // infinite or not a number
+  int exponent = -1074;                       // value = mantissa * 2^exponent
+  if (exponentBits != 0) {
+    mantissa |= uint64_t{1} << 52;
+    exponent = exponentBits - 1075;
+  }
+  const int precision = spec.precision < 0 ? 6 : spec.precision;
+  if (precision > kMaxFixedPrecision) return false;
+  uint64_t integer = 0;
+  uint64_t fraction = 0;  // of 2^shift
+  int shift = 0;
+  if (mantissa != 0) {
+    const int trailingZeros = __builtin_ctzll(mantissa);
+    mantissa >>= trailingZeros;
+    exponent += trailingZeros;
+    if (exponent >= 0) {
+      if (exponent + (64 - __builtin_clzll(mantissa)) > 64) return false;
+      integer = mantissa << exponent;
+    } else {
+      shift = -exponent;
+      if (shift > 60) return false;
+      integer = mantissa >> shift;
+      fraction = mantissa & ((uint64_t{1} << shift) - 1);
+    }
+  }
+  const char* radix = nl_langinfo(RADIXCHAR);
+  if (radix[0] != '.' || radix[1] != '\0' || std::fegetround() != FE_TONEAREST) return false;
+
+  char digits[kMaxFixedPrecision];
+  for (int i = 0; i < precision; ++i) {
+    fraction *= 10;  // below 2^64: fraction < 2^60
+    digits[i] = static_cast<char>('0' + (fraction >> shift));
+    fraction &= (uint64_t{1} << shift) - 1;
+  }
+  if (shift > 0) {
+    const uint64_t half = uint64_t{1} << (shift - 1);
+    const bool lastOdd = precision > 0 ? (digits[precision - 1] & 1) != 0 : (integer & 1) != 0;
+    if (fraction > half || (fraction == half && lastOdd)) {
+      int i = precision - 1;
+      for (; i >= 0 && digits[i] == '9'; --i) digits[i] = '0';
+      if (i >= 0) {
+        ++digits[i];
+      } else {
+        ++integer;  // below 2^53 here
+      }
+    }
+  }
+
+  char integerText[20];
+  char* const integerEnd = integerText + sizeof integerText;
+  const char* integerFirst = writeDigits(integerEnd, integer, 10, false);
+  const auto integerLength = static_cast<size_t>(integerEnd - integerFirst);
+  const char sign = negative ? '-' : spec.plus ? '+' : spec.space ? ' ' : '\0';
+  const bool point = precision > 0 || spec.alternate;
+  const size_t length = (sign ? 1 : 0) + integerLength + (point ? 1 : 0) +
+                        static_cast<size_t>(precision);
+  const size_t padding =
+      static_cast<size_t>(spec.width) > length ? static_cast<size_t>(spec.width) - length : 0;
+  const bool zeroPadding = spec.zero && !spec.left;
+  if (!spec.left && !zeroPadding) out.fill(' ', padding);
+  if (sign) out.put(&sign, 1);
+  if (zeroPadding) out.fill('0', padding);
+  out.put(integerFirst, integerLength);
+  if (point) out.put(".", 1);
+  out.put(digits, static_cast<size_t>(precision));
+  if (spec.left) out.fill(' ', padding);
+  return true;
+}
+
 // "%<flags><width>.<precision><L><conversion>" for snprintf, with the numbers of '*' resolved.
 void buildFloatSpec(char* spec, const Spec& parsed, bool longDouble, char conversion) {
   char* p = spec;
@@ -198,7 +286,7 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
   const char* p = format;
   while (out.next != out.end) {
     const char* literal = p;
-    while (*p != '\0' && *p != '%') ++p;
+    p = strchrnul(p, '%');
     out.put(literal, static_cast<size_t>(p - literal));
     if (*p == '\0' || out.next == out.end) break;
 
@@ -424,7 +512,10 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
         if (length == Length::LongDouble) {
           out.advance(std::snprintf(out.next, out.room() + 1, floatSpec, va_arg(args, long double)));
         } else {
-          out.advance(std::snprintf(out.next, out.room() + 1, floatSpec, va_arg(args, double)));
+          const double value = va_arg(args, double);
+          if ((conversion != 'f' && conversion != 'F') || !putFixed(out, spec, value)) {
+            out.advance(std::snprintf(out.next, out.room() + 1, floatSpec, value));
+          }
         }
 #pragma GCC diagnostic pop
         break;

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cfenv>
 #include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -94,10 +96,26 @@ TEST(LineFormatterTest, MatchesTheCLibraryOnCommonConversionsAtEveryBufferSize) 
                               -1, "abc", 8, 4, 5, -2, 0));
 }
 
+TEST(LineFormatterTest, FixedPointRoundsTheExactValueHalfToEvenLikeTheCLibrary) {
+  EXPECT_TRUE(matchesCLibrary("%.0f %.0f %.0f %.0f %.1f %.2f %.2f %.2f %.3f", 0.5, 1.5, 2.5, 3.5,
+                              0.25, 0.125, 0.375, 9.995, 99.9995));
+  EXPECT_TRUE(matchesCLibrary("%f %.2f %.1f %.0f %#.0f %.20f %.40f", -0.0, -0.001, -0.04, 0.4999,
+                              7.0, 1.0 / 3, 0.0009765625));
+  EXPECT_TRUE(matchesCLibrary("%f %.3f %f %.2f|%-+12.3f|%012.3f|% 09.1f|%+f|%F", 9223372036854775808.0,
+                              1.8e19, 1e20, 4.9e-324, 3.14159, -3.14159, 2.75, 0.1, 1e-5));
+  EXPECT_TRUE(matchesCLibrary("%.2f %.0f %.1f", 999.995, 999.5, 9.96));
+  // Another rounding mode moves the ties: the C library follows it.
+  ASSERT_EQ(std::fesetround(FE_UPWARD), 0);
+  const bool upward = matchesCLibrary("%.0f %.2f %.1f", 0.5, 0.125, -0.25);
+  std::fesetround(FE_TONEAREST);
+  EXPECT_TRUE(upward);
+}
+
 TEST(LineFormatterTest, FloatingPointAndUnknownConversionsGoToTheCLibrary) {
   const wchar_t* wide = L"wide";
-  EXPECT_TRUE(matchesCLibrary("%.2f ms at %s, %5.1f%%, %e %g %G %a %-12.3E| %+f %Lf %lf", 1.005,
-                              "here", 99.95, 12345.678, 1e-10, 1e300, 0.5, 3.0, -0.0, 2.5L, 7.25));
+  EXPECT_TRUE(matchesCLibrary("%.2f ms at %s, %5.1f%%, %e %g %G %a %-12.3E| %Lf %lf %f %f %f", 1.005,
+                              "here", 99.95, 12345.678, 1e-10, 1e300, 0.5, 3.0, 2.5L, 7.25,
+                              HUGE_VAL, -NAN, 1e300));
   EXPECT_TRUE(matchesCLibrary("%05.1f|%-8.2f|% .3f|%#.0f|%*.*f|%d", 2.25, -1.5, 3.0, 4.0, 9, 3, 1.0,
                               12));
   EXPECT_TRUE(matchesCLibrary("wide %ls then %d and %lc", wide, 4, static_cast<wint_t>(L'x')));
@@ -186,7 +204,7 @@ TEST(LineFormatterTest, MatchesTheCLibraryOnRandomFormats) {
   static const char* const kTexts[] = {"", "x", "hello world", nullptr, "a much longer text here"};
   static const char* const kLengths[] = {"", "hh", "h", "l", "ll", "j", "z", "t"};
   int object = 0;
-  for (int iteration = 0; iteration < 3000; ++iteration) {
+  for (int iteration = 0; iteration < 5000; ++iteration) {
     const unsigned kind = random() % 12;
     const std::string length = kLengths[random() % 8];
     const long long value = integer();
@@ -218,8 +236,11 @@ TEST(LineFormatterTest, MatchesTheCLibraryOnRandomFormats) {
       void* const pointers[] = {nullptr, &object, reinterpret_cast<void*>(value)};
       matched = checkRandom(random, "p", pointers[random() % 3]);
     } else if (kind == 10) {
-      matched = checkRandom(random, std::string(1, "fegE"[random() % 4]),
-                            static_cast<double>(value) / 1024.0);
+      // Exact binary fractions, ordinary doubles of 53 bits, and any bit pattern at all.
+      const int scale = static_cast<int>(random() % 80);
+      double number = std::ldexp(static_cast<double>(value >> (random() % 12)), -scale);
+      if (random() % 4 == 0) std::memcpy(&number, &value, sizeof number);
+      matched = checkRandom(random, std::string(1, "fffFeg"[random() % 6]), number);
     } else {
       matched = checkRandom(random, "%", 0);
     }

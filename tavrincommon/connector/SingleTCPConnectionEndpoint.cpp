@@ -84,11 +84,6 @@ void SingleTCPConnectionEndpoint::setReceiveQueueBounds(size_t maxFrames, size_t
   fitSparesUnderBound();
 }
 
-void SingleTCPConnectionEndpoint::fitSparesUnderBound() {
-  transceiver.setMaxSpareInputBytes(maxReceiveQueueBytes -
-                                    std::min(receiveQueueBytes, maxReceiveQueueBytes));
-}
-
 void SingleTCPConnectionEndpoint::startTimer(int periodMs) {
   keepAliveTimer.stop();
   // Zero or negative periods are how the owner switches a role of the timer off; arming with them

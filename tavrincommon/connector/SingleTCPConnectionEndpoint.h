@@ -91,8 +91,12 @@ class SingleTCPConnectionEndpoint {
   void startTimer(int periodMs);
   void startIdlePeriod();
   void dataReceived();
-  // Spare received frames may hold what the queue leaves of its heap bound.
-  void fitSparesUnderBound();
+  // Spare received frames may hold what the queue leaves of its heap bound. Inline: it runs twice
+  // per frame.
+  void fitSparesUnderBound() {
+    transceiver.setMaxSpareInputBytes(
+        receiveQueueBytes < maxReceiveQueueBytes ? maxReceiveQueueBytes - receiveQueueBytes : 0);
+  }
 
   tavrinLog::TavrinLogging* logging;
   tavrinScheduler::Scheduler* scheduler;

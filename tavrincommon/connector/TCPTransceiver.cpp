@@ -78,17 +78,17 @@ TCPTransceiver::~TCPTransceiver() { disconnect(); }
 
 size_t TCPTransceiver::getSendQueueSize() const { return sendQueue->size(); }
 
-size_t TCPTransceiver::getSpareInputBytes() const { return spareInput->heapBytes(); }
-
-void TCPTransceiver::setMaxSpareInputBytes(size_t maxBytes) {
-  spareInput->setMaxBytes(maxBytes);
+void TCPTransceiver::dropSpareInput() {
+  spareInput->setMaxBytes(maxSpareInputBytes);
+  spareInputBytes = spareInput->heapBytes();
 }
 
 void TCPTransceiver::recycle(std::unique_ptr<InputMessage>&& message) {
   // A closed connection receives nothing more.
   if (!message || !socket || !socket->valid()) return;
   message->clearMessage();
-  spareInput->give(std::move(message));
+  spareInput->give(std::move(message), maxSpareInputBytes);
+  spareInputBytes = spareInput->heapBytes();
 }
 
 std::unique_ptr<OutputMessage> TCPTransceiver::takeOutputMessage(unsigned payloadSize) {
@@ -353,6 +353,7 @@ bool TCPTransceiver::deliverFrame() {
   // next frame; without one, that storage is allocated when the next header tells its size.
   std::unique_ptr<InputMessage> message = spareInput->take(receiveBuffer.getDataLength());
   if (message) {
+    spareInputBytes = spareInput->heapBytes();
     std::swap(message->buffer, receiveBuffer);
     receiveBuffer.clear();
     message->verifyMessage();
@@ -463,6 +464,7 @@ void TCPTransceiver::disconnect() {
   sendQueueBytes = 0;
   spareOutput->clear();
   spareInput->clear();
+  spareInputBytes = 0;
   sendOffset = 0;
   connected = false;
   receivePaused = false;

@@ -94,9 +94,12 @@ class TCPTransceiver {
   void recycle(std::unique_ptr<InputMessage>&& message);
   std::unique_ptr<OutputMessage> takeOutputMessage(unsigned payloadSize);
   // Heap held by spare received frames (the receive queue's bound counts it).
-  size_t getSpareInputBytes() const;
-  // Spares above it are given back at once; the receive queue moves it with every frame.
-  void setMaxSpareInputBytes(size_t maxBytes);
+  size_t getSpareInputBytes() const { return spareInputBytes; }
+  // Spares above it are given back at once. Inline: the receive queue moves it with every frame.
+  void setMaxSpareInputBytes(size_t maxBytes) {
+    maxSpareInputBytes = maxBytes;
+    if (spareInputBytes > maxBytes) dropSpareInput();
+  }
 
   // At least the smallest frame (11 bytes); applies from the next frame header on.
   void setMaxFrameLength(uint32_t maxFrameLength_);
@@ -137,6 +140,7 @@ class TCPTransceiver {
   // Room in the frame's storage for the bytes that have actually arrived, never past its end.
   bool growFrameStorage(unsigned wanted);
   void setSocketOutputEventEnable(bool on);
+  void dropSpareInput();
   int currentEvents() const;
 
   tavrinLog::TavrinLogging* logging;
@@ -163,6 +167,9 @@ class TCPTransceiver {
   std::unique_ptr<internal::RingQueue<std::unique_ptr<OutputMessage>>> sendQueue;
   std::unique_ptr<internal::SparePool<OutputMessage>> spareOutput;
   std::unique_ptr<internal::SparePool<InputMessage>> spareInput;
+  // The pool's heap and bound, kept here for the inline calls above.
+  size_t spareInputBytes = 0;
+  size_t maxSpareInputBytes = kMaxSpareInputBytes;
   size_t sendQueueBytes = 0;
   size_t maxSendQueueBytes = kDefaultMaxSendQueueBytes;
   bool receivePaused = false;

@@ -46,7 +46,10 @@ class SparePool {
 
   // Kept if it fits the bounds, else destroyed. The list grows to the most spares ever kept and
   // stays there, so keeping one allocates only beyond that.
-  void give(std::unique_ptr<Message>&& message) {
+  void give(std::unique_ptr<Message>&& message) { give(std::move(message), maxBytes); }
+  // The same under a bound of the caller's, which replaces the pool's own from now on.
+  void give(std::unique_ptr<Message>&& message, size_t maxBytes_) {
+    maxBytes = maxBytes_;
     if (!message) return;
     const size_t cost = heapCost(*message);
     if (capacityOf(*message) > kMaxSpareCapacity || spares.size() >= maxCount ||

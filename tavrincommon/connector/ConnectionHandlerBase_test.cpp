@@ -83,27 +83,22 @@ TEST_F(ConnectionHandlerBaseTest, ConnectedStoresTheConnectionAndDisconnectedCle
 
 TEST_F(ConnectionHandlerBaseTest, MoveIsIgnoredUnlessTheHandlerAllowsIt) {
   connect();
-  handler.moveConnection(
-      77, 99, SimpleEndpoint(SimpleIp("127.0.0.2"), 6000), false, true,
-      [](std::unique_ptr<OutputMessage>&&) {}, [](int) {});
-  EXPECT_EQ(record->count("moved"), 0u);
-  EXPECT_EQ(handler.getRemoteConnectionId(), 40u);
-  handler.requestDisconnect(1);
-  EXPECT_EQ(disconnectReasons.size(), 1u);
-
-  handler.setMoveAllowed(true);
   std::vector<int> newReasons;
-  handler.moveConnection(
-      77, 99, SimpleEndpoint(SimpleIp("127.0.0.2"), 6000), false, true,
-      [](std::unique_ptr<OutputMessage>&&) {}, [&](int r) { newReasons.push_back(r); });
-  EXPECT_EQ(record->count("moved"), 1u);
+  for (const bool allowed : {false, true}) {
+    handler.setMoveAllowed(allowed);
+    handler.moveConnection(
+        77, 99, SimpleEndpoint(SimpleIp("127.0.0.2"), 6000), false, true,
+        [](std::unique_ptr<OutputMessage>&&) {}, [&](int r) { newReasons.push_back(r); });
+    EXPECT_EQ(record->count("moved"), allowed ? 1u : 0u);
+    EXPECT_EQ(handler.getRemoteConnectionId(), allowed ? 77u : 40u);
+    handler.requestDisconnect(allowed ? 2 : 1);
+  }
+  // Before the move the old disconnect function, after it the new one.
+  EXPECT_EQ(disconnectReasons, std::vector<int>{1});
+  EXPECT_EQ(newReasons, std::vector<int>{2});
   EXPECT_EQ(handler.getConnectionId(), 12u);
   EXPECT_EQ(handler.getClusterId(), 8u);
-  EXPECT_EQ(handler.getRemoteConnectionId(), 77u);
   EXPECT_EQ(handler.getRemoteDeviceId(), 99u);
-  handler.requestDisconnect(2);
-  EXPECT_EQ(newReasons, std::vector<int>{2});
-  EXPECT_EQ(disconnectReasons.size(), 1u);
 }
 
 TEST_F(ConnectionHandlerBaseTest, CustomDataLivesUntilReplacedOrDestroyed) {

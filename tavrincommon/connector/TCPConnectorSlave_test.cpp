@@ -195,9 +195,6 @@ TEST_F(TCPConnectorSlaveTest, LocalFailuresAreReportedBeforeTheCallReturns) {
   EXPECT_EQ(slave.getTCPConnection(other), nullptr);
   EXPECT_TRUE(log.contains("Failed to create connection 0 (type 5, remote connection id: 12) to TCP "
                            "endpoint 127.0.0.1:4000 (cluster id 8): Invalid connectionId!"));
-  EXPECT_TRUE(log.contains("Failed to create connection 8 (type 6, remote connection id: 12) to TCP "
-                           "endpoint 127.0.0.1:4000 (cluster id 8): No connection handler for this "
-                           "type!"));
   EXPECT_TRUE(log.contains("(cluster id 8): Failed to create TCP connection!"));
 }
 

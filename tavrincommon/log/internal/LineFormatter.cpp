@@ -133,7 +133,7 @@ void putInteger(Output& out, const Spec& spec, uintmax_t magnitude, char sign, u
   if (magnitude != 0 || spec.precision != 0) first = writeDigits(end, magnitude, base, upper);
   const size_t digits = static_cast<size_t>(end - first);
 
-  char prefix[2];
+  char prefix[3];  // a sign, or 0x
   size_t prefixLength = 0;
   if (sign) prefix[prefixLength++] = sign;
   if (spec.alternate && base == 16 && magnitude != 0) {
@@ -161,11 +161,11 @@ void putInteger(Output& out, const Spec& spec, uintmax_t magnitude, char sign, u
   if (spec.left) out.fill(' ', padding);
 }
 
-// %f of a double whose digits come out exactly with 64-bit integers: a value of at most 64 integer
-// bits and at most 60 fraction bits (0.75, 2.5, 1234.5678 and the like, not 0.1), and a
-// precision up to kMaxFixedPrecision; false for anything else. Rounds the exact binary value half
-// to even, as the C library does in the default rounding mode, which is checked; a locale whose
-// decimal point is not '.' is left to the C library.
+// %f of a double whose digits come out exactly with 64-bit integers: at most 64 integer bits and
+// at most 60 fraction bits (every double from 2^-8 to 2^64, and shorter binary fractions below),
+// and a precision up to kMaxFixedPrecision; false for anything else. Rounds the exact binary value
+// half to even, as the C library does in the default rounding mode, which is checked; a locale
+// whose decimal point is not '.' is left to the C library.
 constexpr int kMaxFixedPrecision = 40;
 
 bool putFixed(Output& out, const Spec& spec, double value) {
@@ -175,7 +175,7 @@ bool putFixed(Output& out, const Spec& spec, double value) {
   const auto exponentBits = static_cast<int>((bits >> 52) & 0x7ff);
   uint64_t mantissa = bits & ((uint64_t{1} << 52) - 1);
   if (exponentBits == 0x7ff) return false;  // infinite or not a number
-  int exponent = -1074;                       // value = mantissa * 2^exponent
+  int exponent = -1074;                     // value = mantissa * 2^exponent
   if (exponentBits != 0) {
     mantissa |= uint64_t{1} << 52;
     exponent = exponentBits - 1075;
@@ -228,8 +228,8 @@ bool putFixed(Output& out, const Spec& spec, double value) {
   const auto integerLength = static_cast<size_t>(integerEnd - integerFirst);
   const char sign = negative ? '-' : spec.plus ? '+' : spec.space ? ' ' : '\0';
   const bool point = precision > 0 || spec.alternate;
-  const size_t length = (sign ? 1 : 0) + integerLength + (point ? 1 : 0) +
-                        static_cast<size_t>(precision);
+  const size_t length =
+      (sign ? 1 : 0) + integerLength + (point ? 1 : 0) + static_cast<size_t>(precision);
   const size_t padding =
       static_cast<size_t>(spec.width) > length ? static_cast<size_t>(spec.width) - length : 0;
   const bool zeroPadding = spec.zero && !spec.left;
@@ -302,7 +302,8 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
       case 'd':
       case 'i': {
         const int value = va_arg(args, int);
-        putDecimal(out, value < 0 ? 0u - static_cast<unsigned>(value) : static_cast<unsigned>(value),
+        putDecimal(out,
+                   value < 0 ? 0u - static_cast<unsigned>(value) : static_cast<unsigned>(value),
                    value < 0);
         p += 2;
         continue;
@@ -325,12 +326,28 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
     bool handled = true;
     for (bool flags = true; flags;) {
       switch (*p) {
-        case '-': spec.left = true; ++p; break;
-        case '+': spec.plus = true; ++p; break;
-        case ' ': spec.space = true; ++p; break;
-        case '#': spec.alternate = true; ++p; break;
-        case '0': spec.zero = true; ++p; break;
-        default: flags = false;
+        case '-':
+          spec.left = true;
+          ++p;
+          break;
+        case '+':
+          spec.plus = true;
+          ++p;
+          break;
+        case ' ':
+          spec.space = true;
+          ++p;
+          break;
+        case '#':
+          spec.alternate = true;
+          ++p;
+          break;
+        case '0':
+          spec.zero = true;
+          ++p;
+          break;
+        default:
+          flags = false;
       }
     }
     // A '*' is read only once the conversion is known to be ours, so that vsnprintf may still
@@ -364,23 +381,50 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
         ++p;
         length = *p == 'l' ? (++p, Length::LongLong) : Length::Long;
         break;
-      case 'j': ++p; length = Length::Max; break;
-      case 'z': ++p; length = Length::Size; break;
-      case 't': ++p; length = Length::Difference; break;
-      case 'L': ++p; length = Length::LongDouble; break;
-      default: break;
+      case 'j':
+        ++p;
+        length = Length::Max;
+        break;
+      case 'z':
+        ++p;
+        length = Length::Size;
+        break;
+      case 't':
+        ++p;
+        length = Length::Difference;
+        break;
+      case 'L':
+        ++p;
+        length = Length::LongDouble;
+        break;
+      default:
+        break;
     }
     const char conversion = *p;
     const bool plainFlags = !spec.plus && !spec.space && !spec.alternate && !spec.zero;
     switch (conversion) {
-      case 'd': case 'i': case 'u': case 'x': case 'X': case 'o':
+      case 'd':
+      case 'i':
+      case 'u':
+      case 'x':
+      case 'X':
+      case 'o':
         handled = handled && length != Length::LongDouble;
         break;
-      case 'c': case 's': case 'p':
+      case 'c':
+      case 's':
+      case 'p':
         handled = handled && length == Length::None && plainFlags &&
                   (conversion == 's' || !precisionGiven);
         break;
-      case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+      case 'f':
+      case 'F':
+      case 'e':
+      case 'E':
+      case 'g':
+      case 'G':
+      case 'a':
+      case 'A':
         handled = handled && (length == Length::None || length == Length::Long ||
                               length == Length::LongDouble);
         break;
@@ -422,14 +466,30 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
       case 'i': {
         intmax_t value;
         switch (length) {
-          case Length::Char: value = static_cast<signed char>(va_arg(args, int)); break;
-          case Length::Short: value = static_cast<short>(va_arg(args, int)); break;
-          case Length::Long: value = va_arg(args, long); break;
-          case Length::LongLong: value = va_arg(args, long long); break;
-          case Length::Max: value = va_arg(args, intmax_t); break;
-          case Length::Size: value = va_arg(args, std::make_signed_t<size_t>); break;
-          case Length::Difference: value = va_arg(args, ptrdiff_t); break;
-          default: value = va_arg(args, int); break;
+          case Length::Char:
+            value = static_cast<signed char>(va_arg(args, int));
+            break;
+          case Length::Short:
+            value = static_cast<short>(va_arg(args, int));
+            break;
+          case Length::Long:
+            value = va_arg(args, long);
+            break;
+          case Length::LongLong:
+            value = va_arg(args, long long);
+            break;
+          case Length::Max:
+            value = va_arg(args, intmax_t);
+            break;
+          case Length::Size:
+            value = va_arg(args, std::make_signed_t<size_t>);
+            break;
+          case Length::Difference:
+            value = va_arg(args, ptrdiff_t);
+            break;
+          default:
+            value = va_arg(args, int);
+            break;
         }
         const uintmax_t magnitude =
             value < 0 ? 0 - static_cast<uintmax_t>(value) : static_cast<uintmax_t>(value);
@@ -443,16 +503,30 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
       case 'o': {
         uintmax_t value;
         switch (length) {
-          case Length::Char: value = static_cast<unsigned char>(va_arg(args, unsigned)); break;
-          case Length::Short: value = static_cast<unsigned short>(va_arg(args, unsigned)); break;
-          case Length::Long: value = va_arg(args, unsigned long); break;
-          case Length::LongLong: value = va_arg(args, unsigned long long); break;
-          case Length::Max: value = va_arg(args, uintmax_t); break;
-          case Length::Size: value = va_arg(args, size_t); break;
+          case Length::Char:
+            value = static_cast<unsigned char>(va_arg(args, unsigned));
+            break;
+          case Length::Short:
+            value = static_cast<unsigned short>(va_arg(args, unsigned));
+            break;
+          case Length::Long:
+            value = va_arg(args, unsigned long);
+            break;
+          case Length::LongLong:
+            value = va_arg(args, unsigned long long);
+            break;
+          case Length::Max:
+            value = va_arg(args, uintmax_t);
+            break;
+          case Length::Size:
+            value = va_arg(args, size_t);
+            break;
           case Length::Difference:
             value = static_cast<std::make_unsigned_t<ptrdiff_t>>(va_arg(args, ptrdiff_t));
             break;
-          default: value = va_arg(args, unsigned); break;
+          default:
+            value = va_arg(args, unsigned);
+            break;
         }
         const unsigned base = conversion == 'u' ? 10 : conversion == 'o' ? 8 : 16;
         putInteger(out, spec, value, '\0', base, conversion == 'X');
@@ -510,7 +584,8 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
         if (length == Length::LongDouble) {
-          out.advance(std::snprintf(out.next, out.room() + 1, floatSpec, va_arg(args, long double)));
+          out.advance(
+              std::snprintf(out.next, out.room() + 1, floatSpec, va_arg(args, long double)));
         } else {
           const double value = va_arg(args, double);
           if ((conversion != 'f' && conversion != 'F') || !putFixed(out, spec, value)) {

@@ -1,9 +1,10 @@
 // The printf formatting of log lines, without the C library's stream set-up for each call. The
 // conversions that log calls use (d i u x X o c s p %%, with flags, width, precision and the length
-// modifiers hh h l ll j z t) are written here; a floating-point conversion is handed alone to
-// snprintf, and anything else (positional arguments, wide characters, %n, the C library's own
-// flags and conversions) hands the rest of the format to vsnprintf. Either way the result is byte
-// for byte what vsnprintf writes into a buffer of the same size. No state; any thread.
+// modifiers hh h l ll j z t) are written here, and so is %f of most doubles; any other
+// floating-point conversion is handed alone to snprintf, and anything else (positional arguments,
+// wide characters, %n, the C library's own flags and conversions) hands the rest of the format to
+// vsnprintf. Either way the result is byte for byte what vsnprintf writes into a buffer of the
+// same size. No state; any thread.
 #pragma once
 
 #include <cstdarg>

@@ -53,9 +53,10 @@ using tavrinLog::internal::formatLine;
                << std::string(expected.data(), strnlen(expected.data(), size)) << "\" ("
                << expectedStored << "), ours \""
                << std::string(actual.data(), strnlen(actual.data(), size)) << "\" (" << stored
-               << ")" << (std::memcmp(expected.data() + size, actual.data() + size, guard) != 0
-                              ? ", written past the buffer"
-                              : "");
+               << ")"
+               << (std::memcmp(expected.data() + size, actual.data() + size, guard) != 0
+                       ? ", written past the buffer"
+                       : "");
       break;
     }
   }
@@ -70,8 +71,7 @@ TEST(LineFormatterTest, MatchesTheCLibraryOnCommonConversionsAtEveryBufferSize) 
   EXPECT_TRUE(matchesCLibrary("conn %d from %s:%d state %s ratio %.2f", 17, "127.0.0.1", 5555,
                               "open", 0.75));
   EXPECT_TRUE(matchesCLibrary("%d %i %d %d %+d % d %+d", 0, -1, INT32_MIN, INT32_MAX, 5, 5, -5));
-  EXPECT_TRUE(matchesCLibrary("[%5d|%-5d|%05d|%+05d|%5.3d|%.0d|%.0d]", 42, 42, -42, 42, -7, 0,
-                              3));
+  EXPECT_TRUE(matchesCLibrary("[%5d|%-5d|%05d|%+05d|%5.3d|%.0d|%.0d]", 42, 42, -42, 42, -7, 0, 3));
   EXPECT_TRUE(matchesCLibrary("%u %x %X %o %#x %#X %#o %#x %#o %#.0o %.0x", 0u, 0xbeefu, 0xbeefu,
                               8u, 255u, 255u, 8u, 0u, 0u, 0u, 0u));
   EXPECT_TRUE(matchesCLibrary("%02X:%02X %08X %#010x %-#8x| %#.5o", 0x0au, 0xffu, 0xc0ffeeu, 0xabu,
@@ -101,8 +101,9 @@ TEST(LineFormatterTest, FixedPointRoundsTheExactValueHalfToEvenLikeTheCLibrary) 
                               0.25, 0.125, 0.375, 9.995, 99.9995));
   EXPECT_TRUE(matchesCLibrary("%f %.2f %.1f %.0f %#.0f %.20f %.40f", -0.0, -0.001, -0.04, 0.4999,
                               7.0, 1.0 / 3, 0.0009765625));
-  EXPECT_TRUE(matchesCLibrary("%f %.3f %f %.2f|%-+12.3f|%012.3f|% 09.1f|%+f|%F", 9223372036854775808.0,
-                              1.8e19, 1e20, 4.9e-324, 3.14159, -3.14159, 2.75, 0.1, 1e-5));
+  EXPECT_TRUE(matchesCLibrary("%f %.3f %f %.2f|%-+12.3f|%012.3f|% 09.1f|%+f|%F",
+                              9223372036854775808.0, 1.8e19, 1e20, 4.9e-324, 3.14159, -3.14159,
+                              2.75, 0.1, 1e-5));
   EXPECT_TRUE(matchesCLibrary("%.2f %.0f %.1f", 999.995, 999.5, 9.96));
   // Another rounding mode moves the ties: the C library follows it.
   ASSERT_EQ(std::fesetround(FE_UPWARD), 0);
@@ -113,11 +114,11 @@ TEST(LineFormatterTest, FixedPointRoundsTheExactValueHalfToEvenLikeTheCLibrary) 
 
 TEST(LineFormatterTest, FloatingPointAndUnknownConversionsGoToTheCLibrary) {
   const wchar_t* wide = L"wide";
-  EXPECT_TRUE(matchesCLibrary("%.2f ms at %s, %5.1f%%, %e %g %G %a %-12.3E| %Lf %lf %f %f %f", 1.005,
-                              "here", 99.95, 12345.678, 1e-10, 1e300, 0.5, 3.0, 2.5L, 7.25,
+  EXPECT_TRUE(matchesCLibrary("%.2f ms at %s, %5.1f%%, %e %g %G %a %-12.3E| %Lf %lf %f %f %f",
+                              1.005, "here", 99.95, 12345.678, 1e-10, 1e300, 0.5, 3.0, 2.5L, 7.25,
                               HUGE_VAL, -NAN, 1e300));
-  EXPECT_TRUE(matchesCLibrary("%05.1f|%-8.2f|% .3f|%#.0f|%*.*f|%d", 2.25, -1.5, 3.0, 4.0, 9, 3, 1.0,
-                              12));
+  EXPECT_TRUE(
+      matchesCLibrary("%05.1f|%-8.2f|% .3f|%#.0f|%*.*f|%d", 2.25, -1.5, 3.0, 4.0, 9, 3, 1.0, 12));
   EXPECT_TRUE(matchesCLibrary("wide %ls then %d and %lc", wide, 4, static_cast<wint_t>(L'x')));
   EXPECT_TRUE(matchesCLibrary("%d %4097d|%.4097d", 1, 2, 3));
   EXPECT_TRUE(matchesCLibrary("%d %*d|%.*d", 1, 4097, 2, 4097, 3));
@@ -195,8 +196,8 @@ template <typename Value>
 TEST(LineFormatterTest, MatchesTheCLibraryOnRandomFormats) {
   std::mt19937 random(20260523);
   auto integer = [&random]() -> long long {
-    static const long long kEdges[] = {0, 1, -1, INT32_MIN, INT32_MAX, UINT32_MAX, LLONG_MIN,
-                                       LLONG_MAX};
+    static const long long kEdges[] = {0,         1,          -1,        INT32_MIN,
+                                       INT32_MAX, UINT32_MAX, LLONG_MIN, LLONG_MAX};
     if (random() % 3 == 0) return kEdges[random() % (sizeof kEdges / sizeof kEdges[0])];
     const long long wide = static_cast<long long>((uint64_t{random()} << 32) | random());
     return random() % 2 ? wide : wide % 100000;
@@ -216,8 +217,9 @@ TEST(LineFormatterTest, MatchesTheCLibraryOnRandomFormats) {
         matched = isSigned ? checkRandom(random, conversion, static_cast<long>(value))
                            : checkRandom(random, conversion, static_cast<unsigned long>(value));
       } else if (length == "ll") {
-        matched = isSigned ? checkRandom(random, conversion, value)
-                           : checkRandom(random, conversion, static_cast<unsigned long long>(value));
+        matched = isSigned
+                      ? checkRandom(random, conversion, value)
+                      : checkRandom(random, conversion, static_cast<unsigned long long>(value));
       } else if (length == "j") {
         matched = isSigned ? checkRandom(random, conversion, static_cast<intmax_t>(value))
                            : checkRandom(random, conversion, static_cast<uintmax_t>(value));

@@ -181,19 +181,6 @@ TEST_F(TCPTransceiverTest, LargeFrameReadIntoItsStorageStopsAtItsLastByte) {
   EXPECT_EQ(received, (std::vector<std::string>{large, next, large, next, a, b, c}));
 }
 
-TEST_F(TCPTransceiverTest, CompletesHeaderSplitAfterThreeBytes) {
-  make(true);
-  const std::string frame = frameOf(2, 0, "xy");
-  fake->addChunk(frame.substr(0, 3));
-  readable();
-  fake->addChunk(frame.substr(3, 4));
-  readable();
-  EXPECT_TRUE(received.empty());
-  fake->addChunk(frame.substr(7));
-  readable();
-  EXPECT_EQ(received, std::vector<std::string>{frame});
-}
-
 TEST_F(TCPTransceiverTest, FramingErrorsCloseTheConnectionBeforeDelivery) {
   std::string badEnd = frameOf(4, 0, "abc");
   badEnd.back() = 0x00;

@@ -279,6 +279,15 @@ const char* parseNumber(const char* p, int& number) {
   return p;
 }
 
+// The rest of the format from a conversion of the C library's own on: a part of the checked
+// format, with the arguments that remain.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+int formatRest(const Output& out, const char* rest, va_list args) {
+  return std::vsnprintf(out.next, out.room() + 1, rest, args);
+}
+#pragma GCC diagnostic pop
+
 }  // namespace
 
 size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
@@ -435,7 +444,7 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
         handled = false;
     }
     if (!handled) {
-      out.advance(std::vsnprintf(out.next, out.room() + 1, conversionStart, args));
+      out.advance(formatRest(out, conversionStart, args));
       break;
     }
     if (widthArgument || precisionArgument) {
@@ -455,7 +464,7 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
         spec.precision = precision < 0 ? -1 : precision;
         handled = handled && precision <= kMaxField;
       }
-      if (!handled) out.advance(std::vsnprintf(out.next, out.room() + 1, conversionStart, before));
+      if (!handled) out.advance(formatRest(out, conversionStart, before));
       va_end(before);
       if (!handled) break;
     }

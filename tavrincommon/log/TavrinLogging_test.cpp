@@ -5,7 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -108,6 +111,40 @@ TEST_F(TavrinLoggingTest, CutsLinesAt2047CharactersPrefixIncluded) {
   hugeNames.log<true>(0, SeverityLevel::Error, "text");
   EXPECT_EQ(lines.back().text.size(), 2047u);
   EXPECT_EQ(lines.back().text.find("text"), std::string::npos);
+}
+
+TEST_F(TavrinLoggingTest, ThreadsLogAtOnceWithoutMixingTheirLines) {
+  std::mutex mutex;
+  std::vector<std::string> texts;
+  TavrinLogging logging(
+      SeverityLevel::Info,
+      [&](int, SeverityLevel::Type, const char* text) {
+        std::lock_guard<std::mutex> lock(mutex);
+        texts.emplace_back(text);
+      },
+      [](int origin) { return origin == 6 ? "Scheduler" : nullptr; });
+  constexpr int kThreads = 4;
+  constexpr int kLines = 200;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&logging, t] {
+      for (int i = 0; i < kLines; ++i) {
+        TAVRIN_LOG(&logging, 6 + t, SeverityLevel::Info, "%d %s %.2f %s", i, "x", t + 0.25,
+                   logging.originToString(100 + t));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  ASSERT_EQ(texts.size(), static_cast<size_t>(kThreads * kLines));
+  std::vector<int> next(kThreads, 0);
+  for (const std::string& text : texts) {
+    const int t = std::stoi(text.substr(text.rfind(' ') + 1)) - 100;
+    ASSERT_TRUE(t >= 0 && t < kThreads) << text;
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "%s: Info: %d x %d.25 %d",
+                  t == 0 ? "Scheduler" : std::to_string(6 + t).c_str(), next[t]++, t, 100 + t);
+    EXPECT_EQ(text, expected);
+  }
 }
 
 TEST_F(TavrinLoggingTest, MacroFormatsOnlyWhatPassesTheLevel) {

@@ -15,7 +15,8 @@ namespace internal {
 
 // Writes at most size - 1 characters and a terminator (size >= 1). Returns the characters stored,
 // not the length the whole text would have had. Formatting stops where the buffer is full, so the
-// arguments past that point are not read. `args` is left for va_end only.
+// arguments past that point are not read, and a %n stores only what vsnprintf itself wrote (no
+// log call uses it). `args` is left for va_end only.
 size_t formatLine(char* buffer, size_t size, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));
 

@@ -88,6 +88,8 @@ pairs += [
      "connector_rtt_same_cpu/16B", "rtt_us", "zmq_reqrep_same_cpu/16B", "rtt_us"),
     ("receive path GB/s / plain copy, 2 KiB",
      "BM_ReceivePath/2048", "GB/s", "BM_PlainCopy/2048", "GB/s"),
+    ("receive path, frames given back as a connection does / plain copy, 2 KiB",
+     "BM_ReceivePathRecycled/2048", "GB/s", "BM_PlainCopy/2048", "GB/s"),
     ("enabled log call us / snprintf of the same text",
      "BM_LogEnabledFiveArguments", "real_time", "BM_PeerSnprintfSameText", "real_time"),
     ("enabled log call us / spdlog",

@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -33,6 +34,7 @@
 #include <ctime>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
@@ -273,7 +275,13 @@ class ConnectorPair {
       master.setEnabled(true);
       listening.set_value(master.isListening() ? master.getListeningEndpoint()
                                                : tavrinNetwork::SimpleEndpoint());
-      while (!stop.load(std::memory_order_relaxed)) masterScheduler.run(10);
+      while (!stop.load(std::memory_order_relaxed)) {
+        if (held.load(std::memory_order_acquire)) {
+          std::unique_lock<std::mutex> lock(holdMutex);
+          released.wait(lock, [this] { return !held.load() || stop.load(); });
+        }
+        masterScheduler.run(10);
+      }
       master.setEnabled(false);
     });
     endpoint = listeningAt.get();
@@ -295,13 +303,25 @@ class ConnectorPair {
   }
   ~ConnectorPair() {
     slave.setEnabled(false);
-    stop = true;
+    {
+      std::lock_guard<std::mutex> lock(holdMutex);
+      stop = true;
+    }
+    hold(false);
     masterThread.join();
   }
   ConnectorPair(const ConnectorPair&) = delete;
   ConnectorPair& operator=(const ConnectorPair&) = delete;
 
   bool ok() const { return transceiver != nullptr; }
+  // Holds the master's loop before its next turn, or lets it go on.
+  void hold(bool on) {
+    {
+      std::lock_guard<std::mutex> lock(holdMutex);
+      held = on;
+    }
+    released.notify_all();
+  }
   SourceHandler* source() const {
     return static_cast<SourceHandler*>(slave.getConnection(kConnectionId));
   }
@@ -327,6 +347,9 @@ class ConnectorPair {
 
  private:
   std::atomic<bool> stop{false};
+  std::atomic<bool> held{false};
+  std::mutex holdMutex;
+  std::condition_variable released;
   std::thread masterThread;
   tavrinNetwork::SimpleEndpoint endpoint;
   tavrinScheduler::Scheduler scheduler{nullptr};
@@ -350,18 +373,25 @@ void connectorData(benchmark::State& state, size_t payload) {
   const int fd = transceiver.getSocket()->getFd();
   uint64_t expected = 0;
   // `count` messages, acknowledged by the master once it has them all.
-  auto batch = [&] {
+  // With `backlog` the master is held until the socket takes no more, so that it then reads a
+  // backlog as deep as its receive queue allows.
+  auto batch = [&](bool backlog) {
     expected += static_cast<uint64_t>(count);
     pair.side.acknowledgeAt.store(expected, std::memory_order_release);
     const uint64_t repliesBefore = source.replies;
     int64_t sent = 0;
     auto giveUp = Clock::now() + std::chrono::milliseconds(kSilenceMs);
+    if (backlog) pair.hold(true);
     while (source.replies == repliesBefore) {
       // Like the bare sender of one send() per message: write while the socket takes it, and
       // wait for room once the transport has had to queue.
       while (sent < count && transceiver.getSendQueueSize() == 0) {
         source.sendOne();
         ++sent;
+      }
+      if (backlog) {
+        pair.hold(false);
+        backlog = false;
       }
       if (sent < count && !waitWritable(fd)) break;
       pair.turn(sent < count ? 0 : 100);
@@ -372,15 +402,16 @@ void connectorData(benchmark::State& state, size_t payload) {
     }
     return source.replies != repliesBefore;
   };
-  // The first batch fills the connection's spare messages and queues to their working size.
-  if (!batch()) {
+  // Warm-up: a backlog fills the connection's spare messages and queues to their working size,
+  // and a batch as measured follows it.
+  if (!batch(true) || !batch(false)) {
     state.SkipWithError("the master stopped acknowledging");
     return;
   }
   const uint64_t warmUp = expected;
   const Meter meter;
   for (auto _ : state) {
-    if (!batch()) {
+    if (!batch(false)) {
       state.SkipWithError("the master stopped acknowledging");
       return;
     }

@@ -26,8 +26,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -208,7 +208,8 @@ class SinkHandler : public ConnectionHandlerBase {
       return;
     }
     // Touch what a real handler would read: the header's info and the payload.
-    side.checksum += message->getAdditionalInfo() + (n > 0 ? static_cast<unsigned char>(data[0]) : 0u);
+    side.checksum +=
+        message->getAdditionalInfo() + (n > 0 ? static_cast<unsigned char>(data[0]) : 0u);
     if (n != side.payload) side.wrongSize.fetch_add(1, std::memory_order_relaxed);
     const uint64_t count = side.received.load(std::memory_order_relaxed) + 1;
     side.received.store(count, std::memory_order_relaxed);
@@ -470,7 +471,8 @@ class LoopbackPair {
     if (listener >= 0 && bind(listener, address, sizeof at) == 0 && listen(listener, 1) == 0 &&
         getsockname(listener, address, &length) == 0) {
       client = socket(AF_INET, SOCK_STREAM, 0);
-      if (client >= 0 && connect(client, address, sizeof at) == 0) server = accept(listener, nullptr, nullptr);
+      if (client >= 0 && connect(client, address, sizeof at) == 0)
+        server = accept(listener, nullptr, nullptr);
     }
     if (listener >= 0) close(listener);
     const int one = 1;
@@ -658,7 +660,8 @@ void tcpPingPong(benchmark::State& state) {
   uint8_t reply[kPingFrame];
   auto trips = [&](int64_t n) {
     for (int64_t i = 0; i < n; ++i)
-      if (send(pair.client, message, kPingFrame, MSG_NOSIGNAL) != static_cast<ssize_t>(kPingFrame) ||
+      if (send(pair.client, message, kPingFrame, MSG_NOSIGNAL) !=
+              static_cast<ssize_t>(kPingFrame) ||
           !readPingFrame(pair.client, clientReadable, reply))
         return false;
     return true;
@@ -788,8 +791,8 @@ void zmqReqRep(benchmark::State& state) {
         return false;
     return true;
   };
-  bool ok = zmq_connect(req.socket, endpoint.c_str()) == 0 &&
-            trips(kWarmUpRoundTrips, kRoundTripPayload);
+  bool ok =
+      zmq_connect(req.socket, endpoint.c_str()) == 0 && trips(kWarmUpRoundTrips, kRoundTripPayload);
   const Meter meter;
   for (auto _ : state) {
     if (!ok || !(ok = trips(kRoundTrips, kRoundTripPayload))) break;
@@ -814,8 +817,7 @@ void registerAll() {
     benchmark::RegisterBenchmark(("tcp_frames_permsg/" + size).c_str(), tcpFrames, payload, true)
         ->UseRealTime()
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark(("tcp_frames_batched/" + size).c_str(), tcpFrames, payload,
-                                 false)
+    benchmark::RegisterBenchmark(("tcp_frames_batched/" + size).c_str(), tcpFrames, payload, false)
         ->UseRealTime()
         ->Unit(benchmark::kMillisecond);
 #ifdef TAVRIN_PEER_ZMQ

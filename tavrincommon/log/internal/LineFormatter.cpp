@@ -39,7 +39,8 @@ struct Output {
   }
 };
 
-struct Spec {
+// One conversion's flags, width and precision, as read from the format.
+struct Directive {
   bool left = false;
   bool plus = false;
   bool space = false;
@@ -115,50 +116,52 @@ void putDecimal(Output& out, uintmax_t magnitude, bool negative) {
   out.put(first, static_cast<size_t>(end - first));
 }
 
-void putPadded(Output& out, const Spec& spec, const char* text, size_t length) {
-  const size_t padding =
-      static_cast<size_t>(spec.width) > length ? static_cast<size_t>(spec.width) - length : 0;
-  if (!spec.left) out.fill(' ', padding);
+void putPadded(Output& out, const Directive& directive, const char* text, size_t length) {
+  const size_t padding = static_cast<size_t>(directive.width) > length
+                             ? static_cast<size_t>(directive.width) - length
+                             : 0;
+  if (!directive.left) out.fill(' ', padding);
   out.put(text, length);
-  if (spec.left) out.fill(' ', padding);
+  if (directive.left) out.fill(' ', padding);
 }
 
 // An integer conversion: sign or prefix, zeros for the precision (or the width with the 0 flag),
 // the digits, spaces for the width.
-void putInteger(Output& out, const Spec& spec, uintmax_t magnitude, char sign, unsigned base,
-                bool upper) {
+void putInteger(Output& out, const Directive& directive, uintmax_t magnitude, char sign,
+                unsigned base, bool upper) {
   char text[24];  // 22 octal digits of 64 bits
   char* const end = text + sizeof text;
   char* first = end;
-  if (magnitude != 0 || spec.precision != 0) first = writeDigits(end, magnitude, base, upper);
+  if (magnitude != 0 || directive.precision != 0) first = writeDigits(end, magnitude, base, upper);
   const size_t digits = static_cast<size_t>(end - first);
 
   char prefix[3];  // a sign, or 0x
   size_t prefixLength = 0;
   if (sign) prefix[prefixLength++] = sign;
-  if (spec.alternate && base == 16 && magnitude != 0) {
+  if (directive.alternate && base == 16 && magnitude != 0) {
     prefix[prefixLength++] = '0';
     prefix[prefixLength++] = upper ? 'X' : 'x';
   }
-  size_t zeros = spec.precision > 0 && static_cast<size_t>(spec.precision) > digits
-                     ? static_cast<size_t>(spec.precision) - digits
+  size_t zeros = directive.precision > 0 && static_cast<size_t>(directive.precision) > digits
+                     ? static_cast<size_t>(directive.precision) - digits
                      : 0;
   // The alternate octal form starts with a zero, also for the value 0 at precision 0.
-  if (spec.alternate && base == 8 && zeros == 0 && (digits == 0 || *first != '0')) zeros = 1;
+  if (directive.alternate && base == 8 && zeros == 0 && (digits == 0 || *first != '0')) zeros = 1;
 
   const size_t length = prefixLength + zeros + digits;
-  size_t padding =
-      static_cast<size_t>(spec.width) > length ? static_cast<size_t>(spec.width) - length : 0;
-  const bool zeroPadding = spec.zero && !spec.left && spec.precision < 0;
+  size_t padding = static_cast<size_t>(directive.width) > length
+                       ? static_cast<size_t>(directive.width) - length
+                       : 0;
+  const bool zeroPadding = directive.zero && !directive.left && directive.precision < 0;
   if (zeroPadding) {
     zeros += padding;
     padding = 0;
   }
-  if (!spec.left) out.fill(' ', padding);
+  if (!directive.left) out.fill(' ', padding);
   out.put(prefix, prefixLength);
   out.fill('0', zeros);
   out.put(first, digits);
-  if (spec.left) out.fill(' ', padding);
+  if (directive.left) out.fill(' ', padding);
 }
 
 // %f of a double whose digits come out exactly with 64-bit integers: at most 64 integer bits and
@@ -168,7 +171,7 @@ void putInteger(Output& out, const Spec& spec, uintmax_t magnitude, char sign, u
 // whose decimal point is not '.' is left to the C library.
 constexpr int kMaxFixedPrecision = 40;
 
-bool putFixed(Output& out, const Spec& spec, double value) {
+bool putFixed(Output& out, const Directive& directive, double value) {
   uint64_t bits;
   std::memcpy(&bits, &value, sizeof bits);
   const bool negative = (bits >> 63) != 0;
@@ -180,7 +183,7 @@ bool putFixed(Output& out, const Spec& spec, double value) {
     mantissa |= uint64_t{1} << 52;
     exponent = exponentBits - 1075;
   }
-  const int precision = spec.precision < 0 ? 6 : spec.precision;
+  const int precision = directive.precision < 0 ? 6 : directive.precision;
   if (precision > kMaxFixedPrecision) return false;
   uint64_t integer = 0;
   uint64_t fraction = 0;  // of 2^shift
@@ -226,26 +229,27 @@ bool putFixed(Output& out, const Spec& spec, double value) {
   char* const integerEnd = integerText + sizeof integerText;
   const char* integerFirst = writeDigits(integerEnd, integer, 10, false);
   const auto integerLength = static_cast<size_t>(integerEnd - integerFirst);
-  const char sign = negative ? '-' : spec.plus ? '+' : spec.space ? ' ' : '\0';
-  const bool point = precision > 0 || spec.alternate;
+  const char sign = negative ? '-' : directive.plus ? '+' : directive.space ? ' ' : '\0';
+  const bool point = precision > 0 || directive.alternate;
   const size_t length =
       (sign ? 1 : 0) + integerLength + (point ? 1 : 0) + static_cast<size_t>(precision);
-  const size_t padding =
-      static_cast<size_t>(spec.width) > length ? static_cast<size_t>(spec.width) - length : 0;
-  const bool zeroPadding = spec.zero && !spec.left;
-  if (!spec.left && !zeroPadding) out.fill(' ', padding);
+  const size_t padding = static_cast<size_t>(directive.width) > length
+                             ? static_cast<size_t>(directive.width) - length
+                             : 0;
+  const bool zeroPadding = directive.zero && !directive.left;
+  if (!directive.left && !zeroPadding) out.fill(' ', padding);
   if (sign) out.put(&sign, 1);
   if (zeroPadding) out.fill('0', padding);
   out.put(integerFirst, integerLength);
   if (point) out.put(".", 1);
   out.put(digits, static_cast<size_t>(precision));
-  if (spec.left) out.fill(' ', padding);
+  if (directive.left) out.fill(' ', padding);
   return true;
 }
 
 // "%<flags><width>.<precision><L><conversion>" for snprintf, with the numbers of '*' resolved.
-void buildFloatSpec(char* spec, const Spec& parsed, bool longDouble, char conversion) {
-  char* p = spec;
+void buildFloatFormat(char* format, const Directive& parsed, bool longDouble, char conversion) {
+  char* p = format;
   *p++ = '%';
   if (parsed.left) *p++ = '-';
   if (parsed.plus) *p++ = '+';
@@ -331,28 +335,28 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
     }
 
     const char* const conversionStart = p++;
-    Spec spec;
+    Directive directive;
     bool handled = true;
     for (bool flags = true; flags;) {
       switch (*p) {
         case '-':
-          spec.left = true;
+          directive.left = true;
           ++p;
           break;
         case '+':
-          spec.plus = true;
+          directive.plus = true;
           ++p;
           break;
         case ' ':
-          spec.space = true;
+          directive.space = true;
           ++p;
           break;
         case '#':
-          spec.alternate = true;
+          directive.alternate = true;
           ++p;
           break;
         case '0':
-          spec.zero = true;
+          directive.zero = true;
           ++p;
           break;
         default:
@@ -365,8 +369,8 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
     if (widthArgument) {
       ++p;
     } else {
-      p = parseNumber(p, spec.width);
-      handled = spec.width <= kMaxField;
+      p = parseNumber(p, directive.width);
+      handled = directive.width <= kMaxField;
     }
     bool precisionArgument = false;
     const bool precisionGiven = *p == '.';
@@ -376,8 +380,8 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
       if (precisionArgument) {
         ++p;
       } else {
-        p = parseNumber(p, spec.precision);
-        handled = handled && spec.precision <= kMaxField;
+        p = parseNumber(p, directive.precision);
+        handled = handled && directive.precision <= kMaxField;
       }
     }
     Length length = Length::None;
@@ -410,7 +414,8 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
         break;
     }
     const char conversion = *p;
-    const bool plainFlags = !spec.plus && !spec.space && !spec.alternate && !spec.zero;
+    const bool plainFlags =
+        !directive.plus && !directive.space && !directive.alternate && !directive.zero;
     switch (conversion) {
       case 'd':
       case 'i':
@@ -452,16 +457,16 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
       va_copy(before, args);
       if (widthArgument) {
         const int width = va_arg(args, int);
-        spec.left = spec.left || width < 0;
+        directive.left = directive.left || width < 0;
         // Negated as unsigned: INT_MIN has no positive int.
         const unsigned magnitude =
             width < 0 ? 0u - static_cast<unsigned>(width) : static_cast<unsigned>(width);
         handled = magnitude <= kMaxField;
-        spec.width = handled ? static_cast<int>(magnitude) : 0;
+        directive.width = handled ? static_cast<int>(magnitude) : 0;
       }
       if (precisionArgument) {
         const int precision = va_arg(args, int);
-        spec.precision = precision < 0 ? -1 : precision;
+        directive.precision = precision < 0 ? -1 : precision;
         handled = handled && precision <= kMaxField;
       }
       if (!handled) out.advance(formatRest(out, conversionStart, before));
@@ -502,8 +507,8 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
         }
         const uintmax_t magnitude =
             value < 0 ? 0 - static_cast<uintmax_t>(value) : static_cast<uintmax_t>(value);
-        const char sign = value < 0 ? '-' : spec.plus ? '+' : spec.space ? ' ' : '\0';
-        putInteger(out, spec, magnitude, sign, 10, false);
+        const char sign = value < 0 ? '-' : directive.plus ? '+' : directive.space ? ' ' : '\0';
+        putInteger(out, directive, magnitude, sign, 10, false);
         break;
       }
       case 'u':
@@ -538,12 +543,12 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
             break;
         }
         const unsigned base = conversion == 'u' ? 10 : conversion == 'o' ? 8 : 16;
-        putInteger(out, spec, value, '\0', base, conversion == 'X');
+        putInteger(out, directive, value, '\0', base, conversion == 'X');
         break;
       }
       case 'c': {
         const char c = static_cast<char>(static_cast<unsigned char>(va_arg(args, int)));
-        putPadded(out, spec, &c, 1);
+        putPadded(out, directive, &c, 1);
         break;
       }
       case 's': {
@@ -552,28 +557,28 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
         if (text == nullptr) {
           // What the C library prints for a null string: "(null)", or nothing when the precision
           // cuts it.
-          const bool fits = spec.precision < 0 || spec.precision >= 6;
+          const bool fits = directive.precision < 0 || directive.precision >= 6;
           text = fits ? "(null)" : "";
           textLength = fits ? 6 : 0;
-        } else if (spec.precision >= 0) {
-          textLength = strnlen(text, static_cast<size_t>(spec.precision));
+        } else if (directive.precision >= 0) {
+          textLength = strnlen(text, static_cast<size_t>(directive.precision));
         } else {
           textLength = std::strlen(text);
         }
-        putPadded(out, spec, text, textLength);
+        putPadded(out, directive, text, textLength);
         break;
       }
       case 'p': {
         const void* pointer = va_arg(args, const void*);
         if (pointer == nullptr) {
-          putPadded(out, spec, "(nil)", 5);
+          putPadded(out, directive, "(nil)", 5);
         } else {
           char text[2 + 2 * sizeof(uintptr_t)];
           char* const end = text + sizeof text;
           char* first = writeDigits(end, reinterpret_cast<uintptr_t>(pointer), 16, false);
           *--first = 'x';
           *--first = '0';
-          putPadded(out, spec, first, static_cast<size_t>(end - first));
+          putPadded(out, directive, first, static_cast<size_t>(end - first));
         }
         break;
       }
@@ -581,24 +586,24 @@ size_t formatLine(char* buffer, size_t size, const char* format, va_list args) {
         out.put("%", 1);
         break;
       default: {  // floating point
-        char floatSpec[32];
-        const auto specLength = static_cast<size_t>(p - conversionStart);
-        if (!widthArgument && !precisionArgument && specLength < sizeof floatSpec) {
-          std::memcpy(floatSpec, conversionStart, specLength);
-          floatSpec[specLength] = '\0';
+        char floatFormat[32];
+        const auto directiveLength = static_cast<size_t>(p - conversionStart);
+        if (!widthArgument && !precisionArgument && directiveLength < sizeof floatFormat) {
+          std::memcpy(floatFormat, conversionStart, directiveLength);
+          floatFormat[directiveLength] = '\0';
         } else {
-          buildFloatSpec(floatSpec, spec, length == Length::LongDouble, conversion);
+          buildFloatFormat(floatFormat, directive, length == Length::LongDouble, conversion);
         }
-        // The spec is built here from a checked format: its conversion matches the argument.
+        // This conversion's format comes from a checked format: it matches the argument.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
         if (length == Length::LongDouble) {
           out.advance(
-              std::snprintf(out.next, out.room() + 1, floatSpec, va_arg(args, long double)));
+              std::snprintf(out.next, out.room() + 1, floatFormat, va_arg(args, long double)));
         } else {
           const double value = va_arg(args, double);
-          if ((conversion != 'f' && conversion != 'F') || !putFixed(out, spec, value)) {
-            out.advance(std::snprintf(out.next, out.room() + 1, floatSpec, value));
+          if ((conversion != 'f' && conversion != 'F') || !putFixed(out, directive, value)) {
+            out.advance(std::snprintf(out.next, out.room() + 1, floatFormat, value));
           }
         }
 #pragma GCC diagnostic pop

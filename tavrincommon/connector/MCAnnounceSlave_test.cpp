@@ -105,12 +105,11 @@ TEST_F(MCAnnounceSlaveTest, FirstMessageReportsItsAvailableAnnouncementsAndARepe
   const std::string frame = announceFrame(1, {{1, 1, true}, {2, 1, true}, {3, 1, false}});
   deliver(kMasterA, frame);
   EXPECT_EQ(addedIds(), (std::vector<unsigned>{1, 2}));
-  EXPECT_EQ(added[0], SingleAnnouncementData(ConnectorInterfaceType::Client, 0, 4, kConnector, 1,
-                                             1, "n1"));
+  EXPECT_EQ(added[0],
+            SingleAnnouncementData(ConnectorInterfaceType::Client, 0, 4, kConnector, 1, 1, "n1"));
   deliver(kMasterA, frame);
   EXPECT_EQ(added.size(), 2u);
-  EXPECT_TRUE(log.contains("Detailed: Received message (" +
-                           std::to_string(frame.size() - 5) +
+  EXPECT_TRUE(log.contains("Detailed: Received message (" + std::to_string(frame.size() - 5) +
                            " bytes) with known changeCount (1) from 127.0.0.1:5000 (version 0, "
                            "own: 0), ignoring!"));
 
@@ -119,11 +118,15 @@ TEST_F(MCAnnounceSlaveTest, FirstMessageReportsItsAvailableAnnouncementsAndARepe
   deliver(kMasterA, announceFrame(5, {{1, 1, true}, {4, 1, true}}));
   EXPECT_EQ(addedIds(), (std::vector<unsigned>{1, 2, 3, 4}));
   EXPECT_EQ(slave->getMasters().at(kMasterA)->changeCount, 5u);
+
+  // A master without announcements is erased.
+  deliver(kMasterA, announceFrame(6, {}));
+  EXPECT_TRUE(slave->getMasters().empty());
+  EXPECT_TRUE(log.contains("Debug: Removing master 127.0.0.1:5000 (no announcements)"));
 }
 
 TEST_F(MCAnnounceSlaveTest, UnsupportedConnectorsAreKeptButNeverReportedOrReturned) {
   EXPECT_FALSE(slave->addSupportedConnector(1, ConnectorInterfaceType::PanelMaster));
-  EXPECT_FALSE(slave->isConnectorSupported(1, ConnectorInterfaceType::PanelMaster));
   deliver(kMasterA, announceFrame(1, {{1, 1, true}}, ConnectorInterfaceType::PanelMaster));
   EXPECT_TRUE(added.empty());
   EXPECT_EQ(slave->getMasters().size(), 1u);
@@ -141,29 +144,18 @@ TEST_F(MCAnnounceSlaveTest, UnsupportedConnectorsAreKeptButNeverReportedOrReturn
   EXPECT_TRUE(slave->getMasters().empty());
 }
 
-TEST_F(MCAnnounceSlaveTest, MasterWithoutAnnouncementsIsErased) {
-  deliver(kMasterA, announceFrame(1, {}));
-  EXPECT_TRUE(slave->getMasters().empty());
-  EXPECT_TRUE(log.contains("Debug: Removing master 127.0.0.1:5000 (no announcements)"));
-
-  deliver(kMasterA, announceFrame(1, {{1, 1, true}}));
-  deliver(kMasterA, announceFrame(2, {}));
-  EXPECT_TRUE(slave->getMasters().empty());
-  EXPECT_EQ(added.size(), 1u);
-}
-
 TEST_F(MCAnnounceSlaveTest, SilentMasterIsErasedAfterTheTimeoutUnlessAMessageWasQueued) {
   make(100);
   deliver(kMasterA, announceFrame(1, {{1, 1, true}}));
   const auto start = std::chrono::steady_clock::now();
-  ASSERT_TRUE(runUntil(scheduler, [&] { return slave->getMasters().empty(); }, 3s));
+  ASSERT_TRUE(runUntil(
+      scheduler, [&] { return slave->getMasters().empty(); }, 3s));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 90ms);
   EXPECT_TRUE(log.contains("Debug: Removing master 127.0.0.1:5000 (timeout)"));
 
   deliver(kMasterA, announceFrame(1, {{1, 1, true}}));
-  ASSERT_TRUE(runUntil(scheduler, [&] {
-    return slave->getMasters().at(kMasterA)->timer.hasFired();
-  }, 3s));
+  ASSERT_TRUE(runUntil(
+      scheduler, [&] { return slave->getMasters().at(kMasterA)->timer.hasFired(); }, 3s));
   // The timer has fired, the worker has not run yet: a message queued now keeps the master.
   fake->addDatagram(kMasterA, announceFrame(1, {{1, 1, true}}));
   slave->socketCallback(kIn);
@@ -200,22 +192,14 @@ TEST_F(MCAnnounceSlaveTest, WorkerYieldsAfterItsBudgetWithTheRestQueued) {
   const size_t left = slave->getReceiveQueueSize();
   EXPECT_GT(left, 0u);
   EXPECT_LT(left, 200u);
-  EXPECT_TRUE(log.contains("Debug: Worker took more than 300ms. Yielding execution and scheduling "
-                           "another run to continue work (" +
-                           std::to_string(left) + " messages remaining)"));
+  EXPECT_TRUE(
+      log.contains("Debug: Worker took more than 300ms. Yielding execution and scheduling "
+                   "another run to continue work (" +
+                   std::to_string(left) + " messages remaining)"));
   onAdded = nullptr;
-  EXPECT_TRUE(runUntil(scheduler, [&] { return slave->getReceiveQueueSize() == 0; }, 10s));
+  EXPECT_TRUE(runUntil(
+      scheduler, [&] { return slave->getReceiveQueueSize() == 0; }, 10s));
   EXPECT_EQ(slave->getMasters().size(), 200u);
-}
-
-TEST_F(MCAnnounceSlaveTest, OneHostGetsAShareOfTheBoundsAndOtherHostsStillGetIn) {
-  slave->setMaxMastersPerAddress(2);
-  for (unsigned port = 6000; port < 6004; ++port)
-    deliver(SimpleEndpoint(SimpleIp("127.0.0.9"), static_cast<unsigned short>(port)),
-            announceFrame(1, {{port, 1, true}}));
-  EXPECT_EQ(slave->getDropCounts().tooManyMasters, 2u);
-  deliver(SimpleEndpoint(SimpleIp("127.0.0.10"), 6000), announceFrame(1, {{1, 1, true}}));
-  EXPECT_EQ(slave->getMasters().size(), 3u) << "another host's master is taken in";
 }
 
 TEST_F(MCAnnounceSlaveTest, BoundsDropWhatNewSendersBringWhileKnownMastersKeepWorking) {
@@ -246,6 +230,14 @@ TEST_F(MCAnnounceSlaveTest, BoundsDropWhatNewSendersBringWhileKnownMastersKeepWo
   EXPECT_EQ(slave->getMasters().at(kMasterA)->changeCount, 4u);
   EXPECT_EQ(slave->getAnyClusterAnnouncements().size(), 2u);
 
+  // One host gets a share of the master bound; another host still gets in.
+  slave->setMaxMasterDataBytes(MCAnnounceSlave::kDefaultMaxMasterDataBytes);
+  slave->setMaxMastersPerAddress(2);
+  for (unsigned short port = 6000; port < 6003; ++port)
+    deliver(SimpleEndpoint(SimpleIp("127.0.0.9"), port), announceFrame(1, {{port, 1, true}}));
+  deliver(third, announceFrame(1, {{3, 1, true}}));
+  EXPECT_EQ(slave->getMasters().size(), 5u);
+
   slave->setMaxQueuedDatagrams(2);
   for (int i = 0; i < 3; ++i) {
     fake->addDatagram(kMasterB, announceFrame(1, {{2, 1, true}}));
@@ -256,36 +248,35 @@ TEST_F(MCAnnounceSlaveTest, BoundsDropWhatNewSendersBringWhileKnownMastersKeepWo
   EXPECT_EQ(slave->getQueuedBytes(), 0u);
   std::ostringstream out;
   slave->dump(out, "");
-  EXPECT_NE(out.str().find("\n  Dropped: 1 queue full, 1 new masters over the master bound, 1 new "
+  EXPECT_NE(out.str().find("\n  Dropped: 1 queue full, 2 new masters over the master bound, 1 new "
                            "masters and 1 changes over the data bound\n"),
             std::string::npos)
       << out.str();
-  EXPECT_EQ(log.count("Warning: Dropping message from"), 4u) << log.text();
+  EXPECT_EQ(log.count("Warning: Dropping message from"), 5u) << log.text();
 }
 
 TEST_F(MCAnnounceSlaveTest, ForeignInvalidAndOversizedDatagramsAreDropped) {
-  deliver(kMasterA, "\xa5\x06\0\0\0\x0a\0\0\0\0\x11");
-  EXPECT_TRUE(log.contains("Debug: Received invalid message from 127.0.0.1:5000, ignoring!"));
   // Longer than the receive buffer: never read past it, dropped.
   std::string oversized = announceFrame(1, {{1, 1, true}});
   oversized.resize(MCAnnounceSlave::kReceiveBufferSize + 1, '\x5a');
-  deliver(kMasterA, oversized);
-  EXPECT_TRUE(log.contains("Debug: Received invalid message from 127.0.0.1:5000 (61441 bytes, max "
-                           "61440), ignoring!"));
+  const std::string otherVersion =
+      announceFrame(1, {{1, 1, true}}, ConnectorInterfaceType::Client, 4, 1, 1);
+  const std::pair<std::string, std::string> cases[] = {
+      {"\xa5\x06\0\0\0\x0a\0\0\0\0\x11", "invalid message from 127.0.0.1:5000, ignoring!"},
+      {oversized, "invalid message from 127.0.0.1:5000 (61441 bytes, max 61440), ignoring!"},
+      {std::string("\xa5\x06\0\0\0\x03\0\0\0\0\x5a", 11),
+       "non-announce message (type 3, 6 bytes) from 127.0.0.1:5000, ignoring!"},
+      {otherVersion, "incompatible message (" + std::to_string(otherVersion.size() - 5) +
+                         " bytes) from 127.0.0.1:5000 (version 1, own: 0), ignoring!"},
+      {announceFrame(1, {{1, 1, true}}, ConnectorInterfaceType::Client, 4, 9),
+       "message belonging to a different network from 127.0.0.1:5000 (networkId 9, own: 1), "
+       "ignoring!"},
+  };
+  for (const auto& [bytes, line] : cases) {
+    deliver(kMasterA, bytes);
+    EXPECT_TRUE(log.contains("Debug: Received " + line)) << line;
+  }
   EXPECT_EQ(slave->getReceiveQueueSize(), 0u);
-
-  deliver(kMasterA, std::string("\xa5\x06\0\0\0\x03\0\0\0\0\x5a", 11));
-  EXPECT_TRUE(log.contains("Debug: Received non-announce message (type 3, 6 bytes) from "
-                           "127.0.0.1:5000, ignoring!"));
-  const std::string otherVersion = announceFrame(1, {{1, 1, true}}, ConnectorInterfaceType::Client,
-                                                 4, 1, 1);
-  deliver(kMasterA, otherVersion);
-  EXPECT_TRUE(log.contains("Debug: Received incompatible message (" +
-                           std::to_string(otherVersion.size() - 5) +
-                           " bytes) from 127.0.0.1:5000 (version 1, own: 0), ignoring!"));
-  deliver(kMasterA, announceFrame(1, {{1, 1, true}}, ConnectorInterfaceType::Client, 4, 9));
-  EXPECT_TRUE(log.contains("Debug: Received message belonging to a different network from "
-                           "127.0.0.1:5000 (networkId 9, own: 1), ignoring!"));
   EXPECT_TRUE(slave->getMasters().empty());
   EXPECT_TRUE(added.empty());
   EXPECT_TRUE(errors.empty());
@@ -307,8 +298,9 @@ TEST_F(MCAnnounceSlaveTest, SocketFailuresDisableAndReportAnError) {
   EXPECT_TRUE(log.contains("Error: Failed to initialize multicast socket: Failed to open socket!"));
   factoryFails = true;
   slave->setEnabled(true);
-  EXPECT_TRUE(log.contains("Error: Failed to initialize multicast socket: Failed to create "
-                           "socket!"));
+  EXPECT_TRUE(
+      log.contains("Error: Failed to initialize multicast socket: Failed to create "
+                   "socket!"));
   EXPECT_EQ(log.count("Error: Failed to initialize multicast socket, disabling!"), 2u);
   ASSERT_EQ(errors.size(), 2u);
   EXPECT_EQ(errors[1], std::make_pair(ErrorType::initializationFailed,
@@ -341,28 +333,19 @@ TEST_F(MCAnnounceSlaveTest, InterfaceWithoutAddressPausesAndAnAddressReopensKeep
 TEST_F(MCAnnounceSlaveTest, QueriesFilterByClusterIdAndTypeInMasterOrder) {
   slave->addSupportedConnector(0, ConnectorInterfaceType::PanelMaster);
   deliver(kMasterB, announceFrame(1, {{1, 1, true}, {1, 2, true}, {2, 1, false}}));
-  deliver(kMasterA, announceFrame(1, {{1, 1, true}, {3, 2, true}}, ConnectorInterfaceType::PanelMaster, 8));
-  const auto masters = [](const std::vector<SingleAnnouncementData>& found) {
-    std::vector<unsigned> clusters;
-    for (const auto& a : found) clusters.push_back(a.clusterId);
-    return clusters;
-  };
-  EXPECT_EQ(masters(slave->getAnyClusterAnnouncements()), (std::vector<unsigned>{8, 8, 4, 4}));
-  EXPECT_EQ(slave->getAnyClusterAnnouncements(1).size(), 3u);
+  deliver(kMasterA,
+          announceFrame(1, {{1, 1, true}, {3, 2, true}}, ConnectorInterfaceType::PanelMaster, 8));
+  std::vector<unsigned> clusters;
+  for (const auto& a : slave->getAnyClusterAnnouncements()) clusters.push_back(a.clusterId);
+  EXPECT_EQ(clusters, (std::vector<unsigned>{8, 8, 4, 4}));
   EXPECT_EQ(slave->getAnyClusterAnnouncements(1, 2).size(), 1u);
   EXPECT_EQ(slave->getAnyClusterTypeAnnouncements(2).size(), 2u);
-  EXPECT_EQ(slave->getAnnouncements(4, 1).size(), 2u);
   EXPECT_EQ(slave->getAnnouncements(8, 1, 1).size(), 1u);
   EXPECT_TRUE(slave->getAnnouncements(4, 2).empty());  // not available
-  EXPECT_EQ(slave->getTypeAnnouncements(4, [](unsigned short type) { return type > 0; }).size(),
-            2u);
   auto single = slave->getSingleAnnouncement(4, 1, 2);
   ASSERT_TRUE(single);
   EXPECT_EQ(single->connectorType, ConnectorInterfaceType::Client);
   EXPECT_FALSE(slave->getSingleAnnouncement(4, 2, 1));
-  single = slave->getSingleAnnouncement([](unsigned, unsigned short) { return true; });
-  ASSERT_TRUE(single);
-  EXPECT_EQ(single->clusterId, 8u);
 }
 
 TEST_F(MCAnnounceSlaveTest, DatagramsArriveThroughTheLoopAndTheDumpShowsTheMasters) {
@@ -372,7 +355,8 @@ TEST_F(MCAnnounceSlaveTest, DatagramsArriveThroughTheLoopAndTheDumpShowsTheMaste
   EXPECT_EQ(fake->interface, "lo");
   EXPECT_TRUE(fake->nonblock && fake->joined && !fake->loop);
   fake->addDatagram(kMasterA, announceFrame(3, {{1, 1, true}}));
-  ASSERT_TRUE(runUntil(scheduler, [&] { return !added.empty(); }, 3s));
+  ASSERT_TRUE(runUntil(
+      scheduler, [&] { return !added.empty(); }, 3s));
   std::ostringstream out;
   slave->dump(out, "$ ");
   const std::string socket = std::to_string(fake->getFd());

@@ -23,7 +23,8 @@ std::string le16(unsigned value) { return {char(value & 0xFF), char((value >> 8)
 std::string le32(uint32_t value) { return le16(value & 0xFFFF) + le16(value >> 16); }
 std::string text(const std::string& value) { return char(value.size()) + value; }
 const std::string kIp10001("\x0a\0\0\x01", 4);
-std::string announcementRecord(uint32_t id, unsigned type, const std::string& name, bool available) {
+std::string announcementRecord(uint32_t id, unsigned type, const std::string& name,
+                               bool available) {
   return le32(id) + le16(type) + text(name) + le16(available ? 1 : 0);
 }
 // A connector record of type Client, clusterId 4, 10.0.0.1:5000; `length` overrides the field.
@@ -32,8 +33,9 @@ std::string connectorRecord(uint32_t id, const std::vector<std::string>& announc
   std::string body = le32(id) + le16(1) + le32(4) + kIp10001 + le16(5000) +
                      le16(static_cast<unsigned>(announcements.size()));
   for (const std::string& record : announcements) body += record;
-  return le16(version) + le32(length < 0 ? static_cast<uint32_t>(body.size())
-                                         : static_cast<uint32_t>(length)) + body;
+  return le16(version) +
+         le32(length < 0 ? static_cast<uint32_t>(body.size()) : static_cast<uint32_t>(length)) +
+         body;
 }
 // Device 2 'dev' with `records`; `count` overrides the connector count.
 std::string payload(const std::vector<std::string>& records, int count = -1) {
@@ -80,9 +82,9 @@ TEST_F(MCAnnounceDataTest, PackCountsEveryAnnouncementInTheRecordLengthAndUnpack
   data.addAnnouncement(9, 1, 7, std::string("ab\0c", 4), false);
   const std::string bytes = packed(data);
   const std::string expected =
-      le32(1) + le32(2) + text("dev") + le16(1) + le16(0) + le32(18 + (9 + 2) + (9 + 3)) +
-      le32(9) + le16(2) + le32(4) + kIp10001 + le16(5000) + le16(2) +
-      announcementRecord(1, 7, "ab", false) + announcementRecord(2, 1, "abc", true);
+      le32(1) + le32(2) + text("dev") + le16(1) + le16(0) + le32(18 + (9 + 2) + (9 + 3)) + le32(9) +
+      le16(2) + le32(4) + kIp10001 + le16(5000) + le16(2) + announcementRecord(1, 7, "ab", false) +
+      announcementRecord(2, 1, "abc", true);
   EXPECT_EQ(bytes, expected);
 
   // And back, past the network id that the frame's reader takes first: the same picture.
@@ -91,8 +93,8 @@ TEST_F(MCAnnounceDataTest, PackCountsEveryAnnouncementInTheRecordLengthAndUnpack
   std::vector<SingleAnnouncementData> added;
   copy.unpack(1, message, [&](const SingleAnnouncementData& a) { added.push_back(a); });
   ASSERT_EQ(added.size(), 1u);
-  EXPECT_EQ(added[0],
-            SingleAnnouncementData(ConnectorInterfaceType::PanelMaster, 0, 4, kEndpoint, 2, 1, "abc"));
+  EXPECT_EQ(added[0], SingleAnnouncementData(ConnectorInterfaceType::PanelMaster, 0, 4, kEndpoint,
+                                             2, 1, "abc"));
   EXPECT_EQ(packed(copy), bytes);
 }
 
@@ -129,19 +131,33 @@ TEST_F(MCAnnounceDataTest, EditsSignalOnlyRealChangesExceptAddsWhichAlwaysSignal
   data.addAnnouncement(3, 5, 2, "n", false);
   data.addConnector(3, ConnectorInterfaceType::Client, 0, 4, kEndpoint);
   data.setAnnouncementName(3, 5, 2, "m");
-  EXPECT_TRUE(log.contains("MCAnnounce: Error: Failed to add announcement 5 (type 2, 'n', not "
-                           "available) to connector 3: Connector not found!"));
-  EXPECT_TRUE(log.contains("MCAnnounce: Service: Failed to set announcement 5 (type 2) name on "
-                           "connector 3 to 'm': Announcement not found!"));
+  EXPECT_TRUE(
+      log.contains("MCAnnounce: Error: Failed to add announcement 5 (type 2, 'n', not "
+                   "available) to connector 3: Connector not found!"));
+  EXPECT_TRUE(
+      log.contains("MCAnnounce: Service: Failed to set announcement 5 (type 2) name on "
+                   "connector 3 to 'm': Announcement not found!"));
 }
 
-TEST_F(MCAnnounceDataTest, RemoveAnnouncementsTakesEveryTypeOfTheIdFromEveryConnector) {
+TEST_F(MCAnnounceDataTest, QueriesAndRemoveAnnouncementsCoverEveryConnector) {
   data.addConnector(1, ConnectorInterfaceType::Client, 0, 4, kEndpoint);
   data.addConnector(2, ConnectorInterfaceType::Client, 0, 4, kEndpoint);
   data.addAnnouncement(1, 7, 1, "a", true);
   data.addAnnouncement(1, 7, 2, "b", false);
   data.addAnnouncement(1, 8, 0, "c", true);
   data.addAnnouncement(2, 7, 0, "e", true);
+  // Unavailable announcements only when asked for; results are appended.
+  EXPECT_EQ(data.getNumberOfAnnouncements(false, {}, {}), 4);
+  EXPECT_EQ(data.getNumberOfAnnouncements(true, {}, {}), 3);
+  const auto b = [](unsigned id, unsigned short type) { return id == 7 && type == 2; };
+  std::vector<SingleAnnouncementData> out(1);
+  data.getAnnouncements(false, b, {}, out);
+  ASSERT_EQ(out.size(), 2u);
+  EXPECT_EQ(out[1],
+            SingleAnnouncementData(ConnectorInterfaceType::Client, 0, 4, kEndpoint, 7, 2, "b"));
+  EXPECT_FALSE(data.getSingleAnnouncement(true, b, {}));
+
+  // removeAnnouncements takes every type of the id from every connector, in one change.
   modifications = 0;
   EXPECT_TRUE(data.removeAnnouncements(7));
   EXPECT_EQ(modifications, 1);
@@ -169,8 +185,9 @@ TEST_F(MCAnnounceDataTest, AtMost65535ConnectorsAndAnnouncementsPerConnector) {
   modifications = 0;
   data.addAnnouncement(5, 3, 1, "dup", false);
   EXPECT_EQ(modifications, 0);
-  EXPECT_TRUE(log.contains("Failed to add announcement 3 (type 1, 'dup', not available) to "
-                           "connector 5: Too many announcements (65535, max: 65535)!"));
+  EXPECT_TRUE(
+      log.contains("Failed to add announcement 3 (type 1, 'dup', not available) to "
+                   "connector 5: Too many announcements (65535, max: 65535)!"));
 }
 
 TEST_F(MCAnnounceDataTest, UnpackReportsOnlyAnnouncementsThatBecameAvailable) {
@@ -234,16 +251,16 @@ TEST_F(MCAnnounceDataTest, UnpackMergesByConnectorIdAndDropsConnectorsNoLongerSe
   EXPECT_EQ(ids, (std::vector<unsigned>{3, 4, 8}));
 
   // A record of another version is skipped; the connectors before it are gone all the same.
-  EXPECT_TRUE(unpack(payload({connectorRecord(4, {announcementRecord(1, 1, "a", true)}, 1)}))
-                  .empty());
+  EXPECT_TRUE(
+      unpack(payload({connectorRecord(4, {announcementRecord(1, 1, "a", true)}, 1)})).empty());
   EXPECT_TRUE(data.getConnectors().empty());
   EXPECT_TRUE(log.contains("Debug: Received incompatible connector data (version 1), skipping!"));
 }
 
 TEST_F(MCAnnounceDataTest, UnpackNeverReadsPastTheMessageAndSkipsMalformedRecords) {
   // The length field points past the end of the payload: that record and the rest are given up.
-  EXPECT_TRUE(unpack(payload({connectorRecord(1, {announcementRecord(1, 1, "a", true)}, 0, 500)}))
-                  .empty());
+  EXPECT_TRUE(
+      unpack(payload({connectorRecord(1, {announcementRecord(1, 1, "a", true)}, 0, 500)})).empty());
   EXPECT_TRUE(data.getConnectors().empty());
   // A version-1 record claiming more than there is: nothing behind it can be found either.
   EXPECT_TRUE(unpack(payload({connectorRecord(1, {}, 1, 0xFFFFFFFF)})).empty());
@@ -255,8 +272,8 @@ TEST_F(MCAnnounceDataTest, UnpackNeverReadsPastTheMessageAndSkipsMalformedRecord
   std::string cutAnnouncements = connectorRecord(2, {announcementRecord(1, 1, "abc", true)});
   cutAnnouncements[2] = 18 + 4;
   cutAnnouncements.resize(6 + 18 + 4);
-  auto added = unpack(payload({shortFixed, cutAnnouncements,
-                               connectorRecord(5, {announcementRecord(3, 1, "ok", true)})}));
+  auto added = unpack(payload(
+      {shortFixed, cutAnnouncements, connectorRecord(5, {announcementRecord(3, 1, "ok", true)})}));
   ASSERT_EQ(added.size(), 1u);
   EXPECT_EQ(added[0].announcementId, 3u);
   EXPECT_EQ(data.getConnectors().size(), 1u);
@@ -276,11 +293,12 @@ TEST_F(MCAnnounceDataTest, UnpackNeverReadsPastTheMessageAndSkipsMalformedRecord
 }
 
 TEST_F(MCAnnounceDataTest, RecordsOutOfOrderOrRepeatedAreSkippedAndTheFirstOneWins) {
-  const auto added = unpack(payload({connectorRecord(5, {announcementRecord(1, 1, "first", true)}),
-                                     connectorRecord(2, {announcementRecord(2, 1, "low", true)}),
-                                     connectorRecord(5, {announcementRecord(3, 1, "again", true)}),
-                                     connectorRecord(7, {announcementRecord(1, 1, "dup", true),
-                                                         announcementRecord(1, 1, "dup2", false)})}));
+  const auto added =
+      unpack(payload({connectorRecord(5, {announcementRecord(1, 1, "first", true)}),
+                      connectorRecord(2, {announcementRecord(2, 1, "low", true)}),
+                      connectorRecord(5, {announcementRecord(3, 1, "again", true)}),
+                      connectorRecord(7, {announcementRecord(1, 1, "dup", true),
+                                          announcementRecord(1, 1, "dup2", false)})}));
   ASSERT_EQ(added.size(), 2u);
   EXPECT_EQ(added[0].name, "first");
   EXPECT_EQ(added[1].name, "dup");
@@ -312,19 +330,6 @@ TEST_F(MCAnnounceDataTest, HeapEstimateOfTheLargestPayloadIsCloseToWhatMallocHan
   const size_t grown = after - before;
   EXPECT_GE(data.heapBytes(), grown * 9 / 10);
   EXPECT_LE(data.heapBytes(), grown * 11 / 10);
-}
-
-TEST_F(MCAnnounceDataTest, QueriesTakeUnavailableAnnouncementsOnlyWhenAskedAndAppend) {
-  data.addConnector(1, ConnectorInterfaceType::Client, 0, 10, kEndpoint);
-  data.addAnnouncement(1, 5, 1, "a", true);
-  data.addAnnouncement(1, 6, 1, "b", false);
-  EXPECT_EQ(data.getNumberOfAnnouncements(false, {}, {}), 2);
-  EXPECT_EQ(data.getNumberOfAnnouncements(true, {}, {}), 1);
-  std::vector<SingleAnnouncementData> out(1);
-  data.getAnnouncements(false, [](unsigned id, unsigned short) { return id == 6; }, {}, out);
-  ASSERT_EQ(out.size(), 2u);
-  EXPECT_EQ(out[1], SingleAnnouncementData(ConnectorInterfaceType::Client, 0, 10, kEndpoint, 6, 1, "b"));
-  EXPECT_FALSE(data.getSingleAnnouncement(true, [](unsigned id, unsigned short) { return id == 6; }, {}));
 }
 
 TEST_F(MCAnnounceDataTest, DumpShowsDeviceConnectorsAndAnnouncements) {

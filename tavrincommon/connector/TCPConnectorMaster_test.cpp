@@ -27,15 +27,8 @@ using tavrinNetwork::SimpleIp;
 using tavrinTesting::Bytes;
 using tavrinTesting::frame;
 using tavrinTesting::HandlerRecord;
-using tavrinTesting::readU16;
 using tavrinTesting::readU32;
 using tavrinTesting::RecordingHandler;
-
-struct Frame {
-  uint8_t type = 0xFF;
-  uint32_t info = 0;
-  std::string payload;
-};
 
 std::string connectPayload(uint32_t masterId, uint16_t type, uint32_t ownId, uint32_t device,
                            const std::vector<uint16_t>& versions) {
@@ -43,6 +36,21 @@ std::string connectPayload(uint32_t masterId, uint16_t type, uint32_t ownId, uin
   b.u32(masterId).u16(type).u32(ownId).u32(device).u16(static_cast<uint16_t>(versions.size()));
   for (uint16_t v : versions) b.u16(v);
   return b.data;
+}
+
+std::string i32(int value) { return Bytes().u32(static_cast<uint32_t>(value)).data; }
+// Accept: the slave's id first, type, the highest common version, the master's id and device.
+std::string acceptFrame(uint32_t slaveId, uint16_t version, uint32_t masterId) {
+  return frame(9, 8, Bytes().u32(slaveId).u16(5).u16(version).u32(masterId).u32(0xABCD).data);
+}
+std::string rejectFrame(uint32_t slaveId, uint16_t type, uint32_t masterId, int reason) {
+  return frame(8, 8, Bytes().u32(slaveId).u16(type).u32(masterId).data + i32(reason));
+}
+
+// A second master of the test's own: cluster 8 on 127.0.0.1, default timing.
+void initOther(TCPConnectorMaster& other, uint16_t port = 0) {
+  other.init(4, 1, ConnectorInterfaceType::PanelMaster, 8, SimpleIp("127.0.0.1"), port, false,
+             false, ConnectionTimeout{}, false);
 }
 
 class TCPConnectorMasterTest : public ::testing::Test {
@@ -56,24 +64,20 @@ class TCPConnectorMasterTest : public ::testing::Test {
     master.setEnabled(true);
     ASSERT_TRUE(master.isListening());
     peer = std::make_unique<tavrinTesting::RawPeer>(master.getListeningEndpoint().getPort());
-    ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 1; }));
+    ASSERT_TRUE(run([&] { return master.getTCPConnectionCount() == 1; }));
+  }
+  bool run(const std::function<bool()>& condition) {
+    return tavrinTesting::runUntil(scheduler, condition);
   }
   // The next whole frame from the master, skipping its keep-alive pongs (info 0).
-  Frame next() {
-    Frame out;
-    EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] {
+  std::string next() {
+    std::string out;
+    EXPECT_TRUE(run([&] {
       received += peer->receiveSome();
-      while (received.size() >= 11) {
-        const uint32_t length = readU32(received, 1);
-        if (received.size() < length + 5) return false;
-        Frame f{static_cast<uint8_t>(received[5]), readU32(received, 6),
-                received.substr(10, length - 6)};
-        EXPECT_EQ(static_cast<uint8_t>(received[0]), 0xA5);
-        EXPECT_EQ(static_cast<uint8_t>(received[length + 4]), 0x5A);
-        received.erase(0, length + 5);
-        if (f.type == 1 && f.info == 0) continue;
-        out = f;
-        return true;
+      while (received.size() >= 11 && received.size() >= readU32(received, 1) + 5) {
+        out = received.substr(0, readU32(received, 1) + 5);
+        received.erase(0, out.size());
+        if (out != frame(1, 0)) return true;
       }
       return false;
     })) << log.text();
@@ -84,7 +88,7 @@ class TCPConnectorMasterTest : public ::testing::Test {
   }
   void send(const std::string& bytes) { send(*peer, bytes); }
   bool peerClosed() {
-    return tavrinTesting::runUntil(scheduler, [&] { return peer->closedByOtherSide(); });
+    return run([&] { return peer->closedByOtherSide(); });
   }
 
   tavrinTesting::LogCapture log;
@@ -98,115 +102,80 @@ class TCPConnectorMasterTest : public ::testing::Test {
 TEST_F(TCPConnectorMasterTest, AnswersAHandBuiltConnectFieldByField) {
   send(frame(2, 0x00010000));  // only the low 16 bits are the version
   send(frame(3, 8, connectPayload(12, 5, 77, 0x1234, {3, 2, 1})));
-  const Frame accept = next();
-  EXPECT_EQ(accept.type, 9);
-  EXPECT_EQ(accept.info, 8u);
-  ASSERT_EQ(accept.payload.size(), 16u);
-  EXPECT_EQ(readU32(accept.payload, 0), 77u);  // the slave's id comes first
-  EXPECT_EQ(readU16(accept.payload, 4), 5);
-  EXPECT_EQ(readU16(accept.payload, 6), 2);    // the highest common version
-  EXPECT_EQ(readU32(accept.payload, 8), 12u);
-  EXPECT_EQ(readU32(accept.payload, 12), 0xABCDu);
-  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return record->count("connected") == 1; }));
+  EXPECT_EQ(next(), acceptFrame(77, 2, 12));
+  ASSERT_TRUE(run([&] { return record->count("connected") == 1; }));
   RecordingHandler* handler = static_cast<RecordingHandler*>(master.getConnection(12));
   EXPECT_EQ(handler->getRemoteDeviceId(), 0x1234u);
 
   // Data both ways, addressed with the receiver's id.
   send(frame(4, 12, "abc"));
-  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return record->count("received") == 1; }));
+  ASSERT_TRUE(run([&] { return record->count("received") == 1; }));
   EXPECT_EQ(record->lastOf("received").payload, "abc");
   handler->send("xyz");
-  const Frame data = next();
-  EXPECT_EQ(data.type, 4);
-  EXPECT_EQ(data.info, 77u);
-  EXPECT_EQ(data.payload, "xyz");
+  EXPECT_EQ(next(), frame(4, 77, "xyz"));
 
   // A disconnect ends the connection, is answered with one of the master's own, and the TCP
   // connection that carried nothing else is closed.
-  send(frame(6, 12, Bytes().u32(static_cast<uint32_t>(-42)).data));
-  const Frame answer = next();
-  EXPECT_EQ(answer.type, 6);
-  EXPECT_EQ(answer.info, 77u);
-  EXPECT_EQ(static_cast<int32_t>(readU32(answer.payload, 0)), -42);
+  send(frame(6, 12, i32(-42)));
+  EXPECT_EQ(next(), frame(6, 77, i32(-42)));
   EXPECT_EQ(record->lastOf("disconnected").reason, -42);
   EXPECT_TRUE(peerClosed());
 }
 
 TEST_F(TCPConnectorMasterTest, AnswersControlMessagesAndUnknownIds) {
   send(frame(0, 1234));
-  Frame pong = next();
-  EXPECT_EQ(pong.type, 1);
-  EXPECT_EQ(pong.info, 1234u);
-  EXPECT_TRUE(pong.payload.empty());
-
+  EXPECT_EQ(next(), frame(1, 1234));
   send(frame(10, 5, "announce"));  // a multicast type on TCP: ignored
   send(frame(1, 99));              // a pong: ignored
   send(frame(4, 555, "data"));
-  Frame notFound = next();
-  EXPECT_EQ(notFound.type, 7);
-  EXPECT_EQ(notFound.info, 555u);
+  EXPECT_EQ(next(), frame(7, 555));
   EXPECT_TRUE(log.contains("Unsupported message type 10 received from 127.0.0.1:"));
   EXPECT_TRUE(log.contains("(additional Info: 5, data length: 14 bytes), ignoring"));
 
-  send(frame(6, 556, Bytes().u32(1).data));
-  notFound = next();
-  EXPECT_EQ(notFound.type, 7);
-  EXPECT_EQ(notFound.info, 556u);
-
-  send(frame(6, 0xFFFFFFFFu, Bytes().u32(static_cast<uint32_t>(-1)).data));
+  send(frame(6, 556, i32(1)));
+  EXPECT_EQ(next(), frame(7, 556));
+  send(frame(6, 0xFFFFFFFFu, i32(-1)));
   EXPECT_TRUE(peerClosed());
-  EXPECT_TRUE(
-      tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }));
+  EXPECT_TRUE(run([&] { return master.getTCPConnectionCount() == 0; }));
 }
 
 TEST_F(TCPConnectorMasterTest, AnIncompatibleVersionEndsTheTCPConnection) {
   send(frame(2, 1));
-  const Frame bye = next();
-  EXPECT_EQ(bye.type, 6);
-  EXPECT_EQ(bye.info, 0xFFFFFFFFu);
-  EXPECT_EQ(static_cast<int32_t>(readU32(bye.payload, 0)), DisconnectReason::incompatible);
+  EXPECT_EQ(next(), frame(6, 0xFFFFFFFFu, i32(DisconnectReason::incompatible)));
   EXPECT_TRUE(peerClosed());
-  EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }));
+  EXPECT_TRUE(run([&] { return master.getTCPConnectionCount() == 0; }));
 }
 
 TEST_F(TCPConnectorMasterTest, RejectsAreLaidOutFieldByField) {
   master.addAutomaticConnection(5, 100, 100);
   // No versions at all: refused for the version, after the id checks passed.
   send(frame(3, 8, connectPayload(12, 5, 70, 1, {})));
-  Frame reject = next();
-  EXPECT_EQ(reject.type, 8);
-  EXPECT_EQ(reject.info, 8u);
-  ASSERT_EQ(reject.payload.size(), 14u);
-  EXPECT_EQ(readU32(reject.payload, 0), 70u);
-  EXPECT_EQ(readU16(reject.payload, 4), 5);
-  EXPECT_EQ(readU32(reject.payload, 6), 12u);
-  EXPECT_EQ(static_cast<int32_t>(readU32(reject.payload, 10)),
-            DisconnectReason::noCompatibleConnectionHandler);
-
+  EXPECT_EQ(next(), rejectFrame(70, 5, 12, DisconnectReason::noCompatibleConnectionHandler));
   // The reject of a foreign cluster carries the master's own cluster id.
   send(frame(3, 7, connectPayload(12, 5, 71, 1, {1})));
-  reject = next();
-  EXPECT_EQ(reject.info, 8u);
-  EXPECT_EQ(static_cast<int32_t>(readU32(reject.payload, 10)), DisconnectReason::wrongClusterId);
+  EXPECT_EQ(next(), rejectFrame(71, 5, 12, DisconnectReason::wrongClusterId));
+
+  // A factory that makes no handler: rejected before anything is accepted.
+  master.addConnectionHandler(6, 1, [] { return std::unique_ptr<ConnectionHandlerBase>(); });
+  master.addAllowedConnection(13, 6);
+  send(frame(3, 8, connectPayload(13, 6, 77, 1, {1})));
+  EXPECT_EQ(next(), rejectFrame(77, 6, 13, DisconnectReason::noConnectionHandler));
+  EXPECT_EQ(master.getActiveConnectionCount(), 0u);
+  EXPECT_TRUE(
+      log.contains("Cannot create connection 13 (type 6, remote connection id: 77) on TCP "
+                   "endpoint 127.0.0.1:"));
+  EXPECT_TRUE(log.contains("(device id: 1): connection handler factory returned no handler!"));
 
   // An automatic request gets the free id of the range; the next finds it full and gets none.
   send(frame(3, 8, connectPayload(0xFFFFFFFFu, 5, 72, 1, {1})));
-  Frame accept = next();
-  EXPECT_EQ(accept.type, 9);
-  EXPECT_EQ(readU32(accept.payload, 8), 100u);
+  EXPECT_EQ(next(), acceptFrame(72, 1, 100));
   send(frame(3, 8, connectPayload(0xFFFFFFFFu, 5, 73, 1, {1})));
-  reject = next();
-  EXPECT_EQ(reject.type, 8);
-  EXPECT_EQ(readU32(reject.payload, 6), 0xFFFFFFFFu);
-  EXPECT_EQ(static_cast<int32_t>(readU32(reject.payload, 10)), DisconnectReason::notAllowed);
+  EXPECT_EQ(next(), rejectFrame(73, 5, 0xFFFFFFFFu, DisconnectReason::notAllowed));
   EXPECT_TRUE(log.contains("no free connection id found (range 100 - 100)!"));
 
   // A connectionNotFound ends every connection whose remote id matches, with a disconnect.
   send(frame(7, 72));
-  Frame bye = next();
-  EXPECT_EQ(bye.type, 6);
-  EXPECT_EQ(bye.info, 72u);
-  EXPECT_EQ(static_cast<int32_t>(readU32(bye.payload, 0)), DisconnectReason::notPresent);
+  EXPECT_EQ(next(), frame(6, 72, i32(DisconnectReason::notPresent)));
   EXPECT_EQ(master.getActiveConnectionCount(), 0u);
 }
 
@@ -215,8 +184,7 @@ TEST_F(TCPConnectorMasterTest, ConnectAndMoveOfAnEndedTCPConnectionAreNotHandled
   send(frame(3, 8, connectPayload(12, 5, 77, 1, {1})) +
        frame(5, 8, connectPayload(13, 5, 78, 1, {1})));
   peer.reset();  // gone before the master has read a byte
-  ASSERT_TRUE(
-      tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }));
+  ASSERT_TRUE(run([&] { return master.getTCPConnectionCount() == 0; }));
   EXPECT_EQ(record->count("connected"), 0u);
   EXPECT_EQ(log.count("message from TCP endpoint 127.0.0.1:"), 2u) << log.text();
   EXPECT_TRUE(log.contains("Ignoring move connection message from TCP endpoint"));
@@ -233,37 +201,33 @@ TEST_F(TCPConnectorMasterTest, ConfigurationIsCheckedAndDumped) {
 
   // Re-typing a live allowed connection ends it with allowedConnectionRemoved.
   send(frame(3, 8, connectPayload(12, 5, 77, 1, {1})));
-  ASSERT_EQ(next().type, 9);
+  ASSERT_EQ(next(), acceptFrame(77, 1, 12));
   master.addAllowedConnection(12, 6);
   EXPECT_EQ(record->lastOf("disconnected").reason, DisconnectReason::allowedConnectionRemoved);
 
   std::ostringstream out;
   master.dump(out, "# ");
-  const std::string text = out.str();
-  EXPECT_EQ(text.substr(0, text.find('\n') + 1),
-            "# TCPConnector Panel Master 3 on Device 43981 (0xabcd, IP: 127.0.0.1, DSCP: 0, "
-            "connection timeout: 10s, keep alive interval: 5s):\n");
-  EXPECT_NE(text.find("#   Allowed Connections (2 entries):\n#     12 (type 6)\n#     13 (type 6)\n"
-                      "#   --- (2 allowed connections) --- \n"),
-            std::string::npos)
-      << text;
+  EXPECT_NE(
+      out.str().find("#   Allowed Connections (2 entries):\n#     12 (type 6)\n#     13 (type 6)\n"
+                     "#   --- (2 allowed connections) --- \n"),
+      std::string::npos)
+      << out.str();
 }
 
 TEST_F(TCPConnectorMasterTest, AServerSocketThatCannotOpenDisablesTheMaster) {
   TCPConnectorMaster second(&scheduler, log.logging());
   std::vector<std::string> errors;
-  second.setGeneralErrorCallback(
-      [&](ErrorType::Type type, const std::string& text) {
-        errors.push_back(std::string(ErrorType::getText(type)) + ": " + text);
-      });
+  second.setGeneralErrorCallback([&](ErrorType::Type type, const std::string& text) {
+    errors.push_back(std::string(ErrorType::getText(type)) + ": " + text);
+  });
   // The port the first master already listens on.
-  second.init(4, 1, ConnectorInterfaceType::PanelMaster, 8, SimpleIp("127.0.0.1"),
-              master.getListeningEndpoint().getPort(), false, false, ConnectionTimeout{}, false);
+  initOther(second, master.getListeningEndpoint().getPort());
   second.setEnabled(true);
   EXPECT_FALSE(second.isEnabled());
   EXPECT_EQ(errors,
             std::vector<std::string>{"initializationFailed: Failed to initialize server socket!"});
-  EXPECT_TRUE(log.contains("Error 1 (initializationFailed): 'Failed to initialize server socket!'"));
+  EXPECT_TRUE(
+      log.contains("Error 1 (initializationFailed): 'Failed to initialize server socket!'"));
 }
 
 TEST_F(TCPConnectorMasterTest, DscpReachesTheListeningSocket) {
@@ -276,41 +240,23 @@ TEST_F(TCPConnectorMasterTest, DscpReachesTheListeningSocket) {
         return socket;
       },
       [](tavrinNetwork::TCPSocketInterface*, SimpleEndpoint&) { return nullptr; }, log.logging());
-  second.init(4, 1, ConnectorInterfaceType::PanelMaster, 8, SimpleIp("127.0.0.1"), 0, false, false,
-              ConnectionTimeout{}, false);
+  initOther(second);
   second.setEnabled(true);
   ASSERT_NE(server, nullptr);
   second.setDscp(46);
   EXPECT_EQ(server->dscp, 46);
 }
 
-TEST_F(TCPConnectorMasterTest, AFactoryThatMakesNoHandlerIsRejectedBeforeAnythingIsAccepted) {
-  master.addConnectionHandler(6, 1, [] { return std::unique_ptr<ConnectionHandlerBase>(); });
-  master.addAllowedConnection(13, 6);
-  send(frame(3, 8, connectPayload(13, 6, 77, 1, {1})));
-  const Frame reject = next();
-  EXPECT_EQ(reject.type, 8);
-  EXPECT_EQ(readU32(reject.payload, 6), 13u);
-  EXPECT_EQ(static_cast<int32_t>(readU32(reject.payload, 10)),
-            DisconnectReason::noConnectionHandler);
-  EXPECT_EQ(master.getActiveConnectionCount(), 0u);
-  EXPECT_TRUE(
-      log.contains("Cannot create connection 13 (type 6, remote connection id: 77) on TCP "
-                   "endpoint 127.0.0.1:"));
-  EXPECT_TRUE(log.contains("(device id: 1): connection handler factory returned no handler!"));
-}
-
 TEST_F(TCPConnectorMasterTest, DestructionEndsConnectionsWhileTheMasterIsWholeAndRefusesRestarts) {
   auto doomed = std::make_unique<TCPConnectorMaster>(&scheduler, log.logging());
   TCPConnectorMaster* raw = doomed.get();
-  raw->init(4, 1, ConnectorInterfaceType::PanelMaster, 8, SimpleIp("127.0.0.1"), 0, false, false,
-            ConnectionTimeout{}, false);
+  initOther(*raw);
   raw->addConnectionHandler(5, 1, RecordingHandler::factory(5, 1, record));
   raw->addAllowedConnection(12, 5);
   raw->setEnabled(true);
   tavrinTesting::RawPeer slave(raw->getListeningEndpoint().getPort());
   send(slave, frame(3, 8, connectPayload(12, 5, 77, 1, {1})));
-  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return record->count("connected") == 1; }));
+  ASSERT_TRUE(run([&] { return record->count("connected") == 1; }));
   record->onDisconnected = [&](RecordingHandler&, unsigned, int) {
     raw->setEnabled(true);
     raw->addAllowedConnection(14, 5);
@@ -344,11 +290,10 @@ TEST_F(TCPConnectorMasterTest, AcceptFactoryMayDisableOrDestroyTheMaster) {
           return client;
         },
         log.logging());
-    doomed->init(4, 1, ConnectorInterfaceType::PanelMaster, 8, SimpleIp("127.0.0.1"), 0, false,
-                 false, ConnectionTimeout{}, false);
+    initOther(*doomed);
     doomed->setEnabled(true);
     tavrinTesting::RawPeer slave(doomed->getListeningEndpoint().getPort());
-    ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return slave.closedByOtherSide(); }));
+    ASSERT_TRUE(run([&] { return slave.closedByOtherSide(); }));
     EXPECT_EQ(doomed == nullptr, destroy);
   }
 }
@@ -360,16 +305,14 @@ TEST_F(TCPConnectorMasterTest, DisconnectsStillInTheSocketAtAResetKeepTheirReaso
   master.addAllowedConnection(13, 5);
   master.addAllowedConnection(14, 5);
   for (uint32_t id : {12u, 13u, 14u}) send(frame(3, 8, connectPayload(id, 5, id + 60, 1, {1})));
-  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return record->count("connected") == 3; }));
-  const std::string shutdown = Bytes().u32(static_cast<uint32_t>(-1)).data;
+  ASSERT_TRUE(run([&] { return record->count("connected") == 3; }));
+  const std::string shutdown = i32(-1);
   send(frame(6, 12, shutdown));
   // The IO part of a turn only: the first disconnect is read, its handling waits for the worker.
   scheduler.getIOWatcher().watch(tavrinCommon::MonotonicMs() + 100, &scheduler.getLoopMutex());
   send(frame(6, 13, shutdown) + frame(6, 14, shutdown));
   peer->reset();
-  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] {
-    return record->count("disconnected") == 3;
-  })) << log.text();
+  ASSERT_TRUE(run([&] { return record->count("disconnected") == 3; })) << log.text();
   const std::map<unsigned, int> expected{{12, DisconnectReason::shutdown},
                                          {13, DisconnectReason::shutdown},
                                          {14, DisconnectReason::shutdown}};
@@ -379,12 +322,11 @@ TEST_F(TCPConnectorMasterTest, DisconnectsStillInTheSocketAtAResetKeepTheirReaso
 TEST_F(TCPConnectorMasterTest, FrameSizeBoundAppliesToAcceptedConnections) {
   master.setMaxFrameLength(64);
   tavrinTesting::RawPeer second(master.getListeningEndpoint().getPort());
-  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 2; }));
+  ASSERT_TRUE(run([&] { return master.getTCPConnectionCount() == 2; }));
   // Both the connection accepted before and the one accepted after are bounded.
   send(second, frame(4, 1, std::string(100, 'x')));
   send(frame(4, 1, std::string(100, 'x')));
-  EXPECT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return master.getTCPConnectionCount() == 0; }))
-      << log.text();
+  EXPECT_TRUE(run([&] { return master.getTCPConnectionCount() == 0; })) << log.text();
   EXPECT_EQ(log.count("exceeds the maximum frame length of 64 bytes"), 2u);
 }
 

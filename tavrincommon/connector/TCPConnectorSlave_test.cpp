@@ -33,6 +33,16 @@ using tavrinTesting::RecordingHandler;
 std::string acceptFrame(uint32_t ownId, uint16_t type, uint16_t version, uint32_t masterId) {
   return frame(9, 8, Bytes().u32(ownId).u16(type).u16(version).u32(masterId).u32(100).data);
 }
+// A connect (3) or move (5) request of type 5 from device 200 with versions 5, 2 and 1.
+std::string requestFrame(uint8_t type, uint32_t masterId, uint32_t ownId) {
+  return frame(type, 8,
+               Bytes().u32(masterId).u16(5).u32(ownId).u32(200).u16(3).u16(5).u16(2).u16(1).data);
+}
+std::string rejectFrame(uint32_t cluster, uint32_t ownId, uint16_t type, uint32_t masterId,
+                        int reason) {
+  return frame(8, cluster,
+               Bytes().u32(ownId).u16(type).u32(masterId).u32(static_cast<uint32_t>(reason)).data);
+}
 
 struct Rejection {
   unsigned clusterId;
@@ -46,10 +56,15 @@ class TCPConnectorSlaveTest : public ::testing::Test {
  protected:
   void SetUp() override {
     makeSlave(ConnectionTimeout{});
+    onRejected(nullptr);
+  }
+  // Rejections of type 5 are recorded, then `then` runs with the one just recorded.
+  void onRejected(std::function<void(Rejection)> then) {
     slave.addConnectionRejectedCallback(
-        5, [this](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason, unsigned remote,
-                  unsigned short, const CustomConnectData* data) {
+        5, [this, then](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason,
+                        unsigned remote, unsigned short, const CustomConnectData* data) {
           rejections.push_back({cluster, id, reason, remote, data != nullptr});
+          if (then) then(rejections.back());
         });
   }
   void makeSlave(const ConnectionTimeout& timing) {
@@ -70,8 +85,8 @@ class TCPConnectorSlaveTest : public ::testing::Test {
   // Before the connector: its destructor still reports the requests it drops.
   std::vector<Rejection> rejections;
   TCPConnectorSlave slave{&scheduler,
-                          [this](const SimpleEndpoint&, const SimpleIp&, bool& connectedNow, bool)
-                              -> std::unique_ptr<tavrinNetwork::TCPSocketInterface> {
+                          [this](const SimpleEndpoint&, const SimpleIp&, bool& connectedNow,
+                                 bool) -> std::unique_ptr<tavrinNetwork::TCPSocketInterface> {
                             if (factoryFails) return nullptr;
                             auto socket = std::make_unique<FakeTCPSocket>();
                             sockets.push_back(socket.get());
@@ -84,34 +99,24 @@ class TCPConnectorSlaveTest : public ::testing::Test {
 
 TEST_F(TCPConnectorSlaveTest, GreetsANewTCPConnectionThenAsksWithItsVersionsHighestFirst) {
   ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
-  ASSERT_EQ(sockets.size(), 1u);
-  const std::string version = frame(2, 0);
-  const std::string connect =
-      frame(3, 8, Bytes().u32(12).u16(5).u32(7).u32(200).u16(3).u16(5).u16(2).u16(1).data);
-  EXPECT_EQ(sockets[0]->written, version + connect);
   EXPECT_TRUE(slave.isPending(7));
   EXPECT_TRUE(slave.getTCPConnection(master)->hasLogicalConnection(7));
   // A slave has no address of its own: taking 0.0.0.0 at construction is no change to report.
   EXPECT_FALSE(log.contains("Changed TCPConnector")) << log.text();
-
-  // The second request reuses the connection; an automatic one asks for 0xFFFFFFFF.
+  // Later requests reuse the connection; an automatic one asks for 0xFFFFFFFF, a move request
+  // has the same layout under its own type.
   EXPECT_EQ(slave.connectAutomatic(master, 8, 5, nullptr), 1u);
-  EXPECT_EQ(sockets.size(), 1u);
-  EXPECT_EQ(sockets[0]->written.substr(version.size() + connect.size()),
-            frame(3, 8, Bytes().u32(0xFFFFFFFFu).u16(5).u32(1).u32(200).u16(3).u16(5).u16(2).u16(1).data));
-  // A move request has the same layout under its own type.
   EXPECT_EQ(slave.moveConnection(master, 8, 5, 40, nullptr), 2u);
-  EXPECT_EQ(sockets[0]->written.substr(sockets[0]->written.size() - 33, 6),
-            std::string("\xA5\x1C\x00\x00\x00\x05", 6));
+  ASSERT_EQ(sockets.size(), 1u);
+  EXPECT_EQ(sockets[0]->written, frame(2, 0) + requestFrame(3, 12, 7) +
+                                     requestFrame(3, 0xFFFFFFFFu, 1) + requestFrame(5, 40, 2));
 }
 
 // A rejected callback run by disabling may enable the connector again: it then stays enabled with
 // its keep-alives running.
 TEST_F(TCPConnectorSlaveTest, EnabledAgainFromACallbackOfDisablingKeepsItsKeepAlives) {
   ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
-  slave.addConnectionRejectedCallback(
-      5, [this](const SimpleEndpoint&, unsigned, unsigned, int, unsigned, unsigned short,
-                const CustomConnectData*) { slave.setEnabled(true); });
+  onRejected([this](const Rejection&) { slave.setEnabled(true); });
   slave.setEnabled(false);
   EXPECT_TRUE(slave.isEnabled());
   EXPECT_EQ(scheduler.getTimeoutTaskScheduler().size(), 1u);  // the keep-alive timer
@@ -139,12 +144,14 @@ TEST_F(TCPConnectorSlaveTest, AnAcceptCreatesTheHandlerWithTheCustomData) {
   // A second accept for the same id is no longer pending: logged, nothing sent.
   sockets[0]->written.clear();
   sockets[0]->addChunk(acceptFrame(7, 5, 2, 300));
-  ASSERT_TRUE(run([&] { return log.contains("Ignoring connection accept message for connection 7"); }));
+  ASSERT_TRUE(
+      run([&] { return log.contains("Ignoring connection accept message for connection 7"); }));
   EXPECT_TRUE(sockets[0]->written.empty());
 
   // So is a connect message: a slave decides nothing.
   sockets[0]->addChunk(frame(3, 8, Bytes().u32(1).u16(5).u32(2).u32(3).u16(0).data));
-  ASSERT_TRUE(run([&] { return log.contains("(cluster id 8, device id: 3); ignoring on client"); }));
+  ASSERT_TRUE(
+      run([&] { return log.contains("(cluster id 8, device id: 3); ignoring on client"); }));
   EXPECT_TRUE(sockets[0]->written.empty());
   slave.setEnabled(false);
   ASSERT_TRUE(run([&] { return destroyed == 1; }));
@@ -156,12 +163,8 @@ TEST_F(TCPConnectorSlaveTest, OnlyTheMasterThatWasAskedAnswersARequest) {
   ASSERT_TRUE(slave.connect(other, 8, 5, 12, 3, nullptr));
   ASSERT_EQ(sockets.size(), 2u);
   // The other master answers for request 1, and the asked one for the wrong type.
-  sockets[1]->addChunk(
-      acceptFrame(1, 5, 2, 300) +
-      frame(8, 8, Bytes().u32(1).u16(5).u32(12).u32(static_cast<uint32_t>(-8)).data));
-  sockets[0]->addChunk(
-      acceptFrame(1, 6, 2, 300) +
-      frame(8, 8, Bytes().u32(1).u16(6).u32(12).u32(static_cast<uint32_t>(-8)).data));
+  sockets[1]->addChunk(acceptFrame(1, 5, 2, 300) + rejectFrame(8, 1, 5, 12, -8));
+  sockets[0]->addChunk(acceptFrame(1, 6, 2, 300) + rejectFrame(8, 1, 6, 12, -8));
   ASSERT_TRUE(run([&] { return log.count("Connection not pending!") == 4; })) << log.text();
   EXPECT_TRUE(slave.isPending(1));
   EXPECT_TRUE(rejections.empty());
@@ -193,23 +196,24 @@ TEST_F(TCPConnectorSlaveTest, LocalFailuresAreReportedBeforeTheCallReturns) {
   EXPECT_EQ(destroyed, 5);
   EXPECT_EQ(sockets[0]->written, before);
   EXPECT_EQ(slave.getTCPConnection(other), nullptr);
-  EXPECT_TRUE(log.contains("Failed to create connection 0 (type 5, remote connection id: 12) to TCP "
-                           "endpoint 127.0.0.1:4000 (cluster id 8): Invalid connectionId!"));
+  EXPECT_TRUE(
+      log.contains("Failed to create connection 0 (type 5, remote connection id: 12) to TCP "
+                   "endpoint 127.0.0.1:4000 (cluster id 8): Invalid connectionId!"));
   EXPECT_TRUE(log.contains("(cluster id 8): Failed to create TCP connection!"));
 }
 
 TEST_F(TCPConnectorSlaveTest, RejectsAndLocalDisconnectsEndPendingRequests) {
   ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
   ASSERT_TRUE(slave.connect(master, 8, 5, 13, 8, nullptr));
-  sockets[0]->addChunk(
-      frame(8, 9, Bytes().u32(7).u16(5).u32(12).u32(static_cast<uint32_t>(-6)).data));
+  sockets[0]->addChunk(rejectFrame(9, 7, 5, 12, -6));
   ASSERT_TRUE(run([&] { return rejections.size() == 1; }));
   // The pending entry's cluster id is reported, not the one in the reject.
   EXPECT_EQ(rejections[0].clusterId, 8u);
   EXPECT_EQ(rejections[0].reason, DisconnectReason::wrongClusterId);
   EXPECT_EQ(rejections[0].remoteConnectionId, 12u);
-  EXPECT_TRUE(log.contains("Rejected connection 7 (type 5, remote connection id: 12) to TCP "
-                           "endpoint 127.0.0.1:4000 (cluster id 9): wrongClusterId (-6)!"));
+  EXPECT_TRUE(
+      log.contains("Rejected connection 7 (type 5, remote connection id: 12) to TCP "
+                   "endpoint 127.0.0.1:4000 (cluster id 9): wrongClusterId (-6)!"));
   EXPECT_FALSE(slave.getTCPConnection(master)->hasLogicalConnection(7));
   EXPECT_EQ(sockets[0]->closeCalls, 0);
 
@@ -224,23 +228,20 @@ TEST_F(TCPConnectorSlaveTest, RejectsAndLocalDisconnectsEndPendingRequests) {
 
   // A reject for a request that is no longer pending changes nothing.
   ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
-  sockets[1]->addChunk(
-      frame(8, 8, Bytes().u32(70).u16(5).u32(12).u32(static_cast<uint32_t>(-8)).data));
-  ASSERT_TRUE(run([&] { return log.contains("Ignoring connection reject message for connection 70"); }));
+  sockets[1]->addChunk(rejectFrame(8, 70, 5, 12, -8));
+  ASSERT_TRUE(
+      run([&] { return log.contains("Ignoring connection reject message for connection 70"); }));
   EXPECT_EQ(rejections.size(), 2u);
 }
 
 TEST_F(TCPConnectorSlaveTest, RejectedCallbacksMayChangeThePendingTableWhileItIsWalked) {
   bool retried = false;
-  slave.addConnectionRejectedCallback(
-      5, [&](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason, unsigned remote,
-             unsigned short, const CustomConnectData*) {
-        rejections.push_back({cluster, id, reason, remote, false});
-        if (id != 1 || retried) return;
-        retried = true;
-        slave.disconnect(2, 9);                          // another request, not walked yet
-        EXPECT_TRUE(slave.connect(master, 8, 5, 20, 1, nullptr));  // the id just freed
-      });
+  onRejected([&](const Rejection& r) {
+    if (r.connectionId != 1 || retried) return;
+    retried = true;
+    slave.disconnect(2, 9);                                    // another request, not walked yet
+    EXPECT_TRUE(slave.connect(master, 8, 5, 20, 1, nullptr));  // the id just freed
+  });
   for (unsigned id : {1u, 2u, 3u}) ASSERT_TRUE(slave.connect(master, 8, 5, 10 + id, id, nullptr));
   slave.setEnabled(false);
   std::vector<std::pair<unsigned, int>> seen;
@@ -289,12 +290,9 @@ TEST_F(TCPConnectorSlaveTest, DestructionEndsRequestsWhileTheSlaveIsWholeAndRefu
 }
 
 TEST_F(TCPConnectorSlaveTest, ARequestWhoseHandlerTypeACallbackRemovedFailsWithNoHandler) {
-  slave.addConnectionRejectedCallback(
-      5, [&](const SimpleEndpoint&, unsigned cluster, unsigned id, int reason, unsigned remote,
-             unsigned short, const CustomConnectData*) {
-        rejections.push_back({cluster, id, reason, remote, false});
-        if (id == 7) slave.removeConnectionHandlerType(5);
-      });
+  onRejected([&](const Rejection& r) {
+    if (r.connectionId == 7) slave.removeConnectionHandlerType(5);
+  });
   ASSERT_TRUE(slave.connect(master, 8, 5, 12, 7, nullptr));
   // The socket broke and the worker has not collected it yet: the next request ends 7 first.
   sockets[0]->close();

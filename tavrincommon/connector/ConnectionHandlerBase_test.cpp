@@ -37,48 +37,45 @@ class ConnectionHandlerBaseTest : public ::testing::Test {
 };
 
 TEST_F(ConnectionHandlerBaseTest, ConnectedStoresTheConnectionAndDisconnectedClearsIt) {
-  std::vector<std::string> seenInDisconnected;
+  std::string seenInDisconnected;
   record->onDisconnected = [&](RecordingHandler& h, unsigned id, int reason) {
-    seenInDisconnected.push_back(std::to_string(id) + "/" + std::to_string(reason) + "/" +
-                                 std::to_string(h.isConnected()) + "/" +
-                                 std::to_string(h.getRemoteConnectionId()) + "/" +
-                                 std::to_string(h.getRemoteDeviceId()));
+    seenInDisconnected += std::to_string(id) + "/" + std::to_string(reason) + "/" +
+                          std::to_string(h.isConnected()) + "/" +
+                          std::to_string(h.getRemoteConnectionId()) + "/" +
+                          std::to_string(h.getRemoteDeviceId()) + ";";
   };
   handler.init(true);
-  EXPECT_EQ(record->count("init"), 1u);
-  EXPECT_FALSE(handler.isConnected());
   connect();
-  ASSERT_TRUE(handler.isConnected());
-  EXPECT_EQ(record->count("connected"), 1u);
-  EXPECT_EQ(handler.getClusterId(), 8u);
-  EXPECT_EQ(handler.getConnectionId(), 12u);
-  EXPECT_TRUE(handler.isAutomatic());
-  EXPECT_EQ(handler.getRemoteEndpoint().toString(), "127.0.0.1:5000");
-
   // A second connected changes nothing.
   handler.connected(9, 13, false, 41, 1, SimpleEndpoint(), false, nullptr, {}, {});
-  EXPECT_EQ(handler.getConnectionId(), 12u);
   EXPECT_EQ(record->count("connected"), 1u);
+  std::ostringstream connectedDump;
+  handler.dump(connectedDump, "# ");
+  EXPECT_EQ(connectedDump.str(),
+            "# ConnectionHandler (SimpleConnector, version 2, server side):\n"
+            "#   Connected (ClusterId 8, connectionId: 12 (automatic)) to remote device 4660 "
+            "(0x1234, IP 127.0.0.1:5000, remote ConnectionId: 40)\n"
+            "# ---\n");
 
   handler.requestDisconnect(3);
-  EXPECT_EQ(disconnectReasons, std::vector<int>{3});
-
   handler.disconnected(-4, true);
-  ASSERT_EQ(seenInDisconnected.size(), 1u);
   // Inside the hook the connection is already ended but the remote ids are still there.
-  EXPECT_EQ(seenInDisconnected[0], "12/-4/0/40/4660");
+  EXPECT_EQ(seenInDisconnected, "12/-4/0/40/4660;");
   EXPECT_TRUE(record->lastOf("disconnected").last);
   EXPECT_EQ(handler.getClusterId(), 0xFFFFFFFFu);
   EXPECT_EQ(handler.getRemoteConnectionId(), 0xFFFFFFFFu);
   EXPECT_EQ(handler.getRemoteDeviceId(), 0xFFFFFFFFu);
   EXPECT_FALSE(handler.isAutomatic());
   EXPECT_EQ(handler.getRemoteEndpoint(), SimpleEndpoint());
+  std::ostringstream notConnected;
+  handler.dump(notConnected, 12, "> ");
+  EXPECT_NE(notConnected.str().find(">   Not connected (ConnectionId: 12)\n"), std::string::npos);
 
   // Not connected: the functions are the harmless ones, and nothing reaches the old ones.
   handler.disconnected(-4, true);
   handler.requestDisconnect(5);
   EXPECT_EQ(disconnectReasons, std::vector<int>{3});
-  EXPECT_EQ(seenInDisconnected.size(), 1u);
+  EXPECT_EQ(seenInDisconnected, "12/-4/0/40/4660;");
 }
 
 TEST_F(ConnectionHandlerBaseTest, MoveIsIgnoredUnlessTheHandlerAllowsIt) {
@@ -105,32 +102,16 @@ TEST_F(ConnectionHandlerBaseTest, CustomDataLivesUntilReplacedOrDestroyed) {
   int destroyed = 0;
   {
     RecordingHandler local(5, 2, record);
-    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, std::make_unique<CountedTag>(&destroyed),
-                    {}, {});
+    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false,
+                    std::make_unique<CountedTag>(&destroyed), {}, {});
     local.disconnected(0, true);
     EXPECT_EQ(destroyed, 0);
     ASSERT_NE(local.getCustomConnectData(), nullptr);
-    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false, std::make_unique<CountedTag>(&destroyed),
-                    {}, {});
+    local.connected(1, 2, false, 3, 4, SimpleEndpoint(), false,
+                    std::make_unique<CountedTag>(&destroyed), {}, {});
     EXPECT_EQ(destroyed, 1);
   }
   EXPECT_EQ(destroyed, 2);
-}
-
-TEST_F(ConnectionHandlerBaseTest, DumpShowsTheConnectionState) {
-  std::ostringstream notConnected;
-  handler.dump(notConnected, 12, "> ");
-  EXPECT_NE(notConnected.str().find(">   Not connected (ConnectionId: 12)\n"), std::string::npos);
-
-  handler.init(true);
-  connect();
-  std::ostringstream connectedDump;
-  handler.dump(connectedDump, "# ");
-  EXPECT_EQ(connectedDump.str(),
-            "# ConnectionHandler (SimpleConnector, version 2, server side):\n"
-            "#   Connected (ClusterId 8, connectionId: 12 (automatic)) to remote device 4660 "
-            "(0x1234, IP 127.0.0.1:5000, remote ConnectionId: 40)\n"
-            "# ---\n");
 }
 
 }  // namespace

@@ -8,15 +8,12 @@
 namespace tavrinConnector {
 namespace {
 
-class OutputMessageTest : public ::testing::Test {
- protected:
-  static std::vector<unsigned char> frame(const OutputMessage& message) {
-    const auto* data = reinterpret_cast<const unsigned char*>(message.getData());
-    return std::vector<unsigned char>(data, data + message.getFrameLength());
-  }
-};
+std::vector<unsigned char> frame(const OutputMessage& message) {
+  const auto* data = reinterpret_cast<const unsigned char*>(message.getData());
+  return std::vector<unsigned char>(data, data + message.getFrameLength());
+}
 
-TEST_F(OutputMessageTest, FieldsAreLittleEndianAndFinalizingTwiceGivesTheSameFrame) {
+TEST(OutputMessageTest, FieldsAreLittleEndianAndFinalizingTwiceGivesTheSameFrame) {
   OutputMessage empty;
   empty.finalizeMessage(3, 0x01020304);
   EXPECT_EQ(frame(empty), (std::vector<unsigned char>{0xA5, 0x06, 0x00, 0x00, 0x00, 0x03, 0x04,
@@ -37,7 +34,7 @@ TEST_F(OutputMessageTest, FieldsAreLittleEndianAndFinalizingTwiceGivesTheSameFra
   EXPECT_EQ(frame(message), expected);
 }
 
-TEST_F(OutputMessageTest, LongStringIsCutTo255BytesAndALargePayloadGrowsTheBufferOnce) {
+TEST(OutputMessageTest, LongStringIsCutTo255BytesAndALargePayloadGrowsTheBufferOnce) {
   OutputMessage message;
   std::string text(300, 'q');
   text[254] = 'e';

@@ -35,41 +35,25 @@ class TavrinLoggingTest : public ::testing::Test {
   std::vector<Captured> lines;
 };
 
-TEST_F(TavrinLoggingTest, InvalidInitialLevelFallsBackToService) {
+TEST_F(TavrinLoggingTest, InvalidLevelsAreIgnoredAndResetsDiscardPerOriginEntries) {
   EXPECT_EQ(TavrinLogging(static_cast<SeverityLevel::Type>(9), {}).getComponentSeverity(0),
             SeverityLevel::Service);
   EXPECT_EQ(TavrinLogging(SeverityLevel::Off, {}).getComponentSeverity(0), SeverityLevel::Service);
-  EXPECT_EQ(TavrinLogging(SeverityLevel::Debug, {}).getComponentSeverity(0), SeverityLevel::Debug);
-}
-
-TEST_F(TavrinLoggingTest, ComponentLevelsOverrideTheDefaultUntilReset) {
   TavrinLogging logging(SeverityLevel::Info, capture());
   logging.setComponentSeverity(3, SeverityLevel::Debug);
-  EXPECT_EQ(logging.getComponentSeverity(3), SeverityLevel::Debug);
-  EXPECT_EQ(logging.getComponentSeverity(4), SeverityLevel::Info);
   EXPECT_TRUE(logging.isEnabled(3, SeverityLevel::Debug));
   EXPECT_FALSE(logging.isEnabled(4, SeverityLevel::Debug));
-
   logging.setComponentSeverity(3, static_cast<SeverityLevel::Type>(8));  // ignored
   EXPECT_EQ(logging.getComponentSeverity(3), SeverityLevel::Debug);
-  logging.setComponentSeverity(3, SeverityLevel::Info);  // back to the default: entry removed
-  EXPECT_EQ(logging.getComponentSeverity(3), SeverityLevel::Info);
-  logging.setAllComponentsSeverity(SeverityLevel::Error);
+  logging.setAllComponentsSeverity(static_cast<SeverityLevel::Type>(8));  // ignored
+  EXPECT_EQ(logging.getComponentSeverity(3), SeverityLevel::Debug);
+  logging.setAllComponentsSeverity(SeverityLevel::Error);  // discards per-origin entries
   EXPECT_EQ(logging.getComponentSeverity(3), SeverityLevel::Error);
 
-  logging.setComponentSeverity(5, SeverityLevel::Maximum);
-  logging.setAllComponentsSeverity(static_cast<SeverityLevel::Type>(8));  // ignored
-  EXPECT_EQ(logging.getComponentSeverity(5), SeverityLevel::Maximum);
-  logging.setAllComponentsSeverity(SeverityLevel::Info);  // discards per-origin entries
-  EXPECT_EQ(logging.getComponentSeverity(5), SeverityLevel::Info);
-}
-
-TEST_F(TavrinLoggingTest, LevelNamesParseExactlyAndAnythingElseIsDetailed) {
+  // Only the exact names parse; anything else is the most detailed level.
   EXPECT_EQ(SeverityLevel::parse("Off"), SeverityLevel::Off);
-  EXPECT_EQ(SeverityLevel::parse("Debug"), SeverityLevel::Debug);
   EXPECT_EQ(SeverityLevel::parse("Maximum"), SeverityLevel::Detailed);
   EXPECT_EQ(SeverityLevel::parse("debug"), SeverityLevel::Detailed);
-  EXPECT_EQ(SeverityLevel::parse(""), SeverityLevel::Detailed);
   EXPECT_STREQ(DefaultOrigins::getText(10), "unknown");
 }
 
@@ -173,16 +157,10 @@ TEST_F(TavrinLoggingTest, GlobalObjectIsReplacedOnlyWhenAsked) {
   tavrinLog::initGlobalLogging(SeverityLevel::Debug, capture(), true, names);
   ASSERT_NE(tavrinLog::getGlobalLogging(), nullptr);
   EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(1), SeverityLevel::Debug);
-  EXPECT_STREQ(tavrinLog::getGlobalLogging()->originToString(2), "SimpleConnector");
-
   tavrinLog::setComponentSeverity(2, SeverityLevel::Error);
-  EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(2), SeverityLevel::Error);
   tavrinLog::setSeverityOff();
   EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(2), SeverityLevel::Off);
-  EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(77), SeverityLevel::Off);
   EXPECT_FALSE(tavrinLog::getGlobalLogging()->isEnabled(0, SeverityLevel::Emergency));
-  tavrinLog::setAllComponentsSeverity(SeverityLevel::Warning);
-  EXPECT_EQ(tavrinLog::getGlobalLogging()->getComponentSeverity(2), SeverityLevel::Warning);
   tavrinLog::globalLogging.reset();
 }
 

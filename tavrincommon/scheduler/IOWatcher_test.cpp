@@ -42,13 +42,17 @@ class Pipe {
 
 class IOWatcherTest : public ::testing::Test {
  protected:
-  IOWatchHandle watchReadable(const Pipe& pipe, std::function<IOWatchItem::Result(int)> callback,
-                              int origin = 8, uint32_t events = EPOLLIN) {
+  static IOWatchItem itemFor(int fd, std::function<IOWatchItem::Result(int)> callback,
+                             uint32_t events = EPOLLIN) {
     IOWatchItem item;
-    item.fd = pipe.readEnd();
+    item.fd = fd;
     item.events = events;
     item.callback = std::move(callback);
-    return watcher.addItem(item, origin);
+    return item;
+  }
+  IOWatchHandle watchReadable(const Pipe& pipe, std::function<IOWatchItem::Result(int)> callback,
+                              int origin = 8, uint32_t events = EPOLLIN) {
+    return watcher.addItem(itemFor(pipe.readEnd(), std::move(callback), events), origin);
   }
   void watchFor(int ms) { watcher.watch(MonotonicMs() + ms, &mutex); }
 
@@ -162,10 +166,7 @@ TEST_F(IOWatcherTest, DestructionFreesAndUnregistersWhatIsLeft) {
   Pipe pipe;
   {
     IOWatcher temporary(log.logging());
-    IOWatchItem item;
-    item.fd = pipe.readEnd();
-    item.events = EPOLLIN;
-    item.callback = [](int) { return IOWatchItem::Unchanged; };
+    const IOWatchItem item = itemFor(pipe.readEnd(), [](int) { return IOWatchItem::Unchanged; });
     temporary.addItem(item, 3);
     temporary.addItem(item, 4);  // the same descriptor twice: epoll refuses, the list keeps it
   }
@@ -220,11 +221,7 @@ TEST_F(IOWatcherTest, MisusedWatchesNeitherCorruptNorHitOtherRegistrations) {
   Pipe duplicated;
   const int keeper = dup(duplicated.readEnd());
   const int closedEarly = dup(duplicated.readEnd());
-  IOWatchItem item;
-  item.fd = closedEarly;
-  item.events = EPOLLIN;
-  item.callback = count;
-  IOWatchHandle zombie = watcher.addItem(item, 8);
+  IOWatchHandle zombie = watcher.addItem(itemFor(closedEarly, count), 8);
   close(closedEarly);
   duplicated.put();
   watcher.removeItem(zombie);

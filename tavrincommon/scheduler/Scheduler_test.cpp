@@ -88,12 +88,6 @@ TEST_F(SchedulerTest, TurnRunsWorkersThenTimeoutsThenIO) {
   close(fds[1]);
 }
 
-TEST_F(SchedulerTest, EmptyTurnWithZeroTimeoutDoesNotWait) {
-  const auto start = Clock::now();
-  for (int i = 0; i < 100; ++i) scheduler.run(0);
-  EXPECT_LT(Clock::now() - start, 500ms);
-}
-
 TEST_F(SchedulerTest, WorkerPassStopsAfterItsBudgetAndTheIOWaitThenDoesNotBlock) {
   SimpleWorker busy(&scheduler, 8);
   int calls = 0;
@@ -359,10 +353,13 @@ TEST_F(SchedulerTest, TimeoutsDisarmedFromOtherThreadsNeverFireAfterwards) {
   }
 }
 
-TEST_F(SchedulerTest, WatchdogBoundsTheWaitAndIsFedTwicePerTurn) {
+TEST_F(SchedulerTest, EmptyTurnsWaitNoLongerThanAskedOrTheWatchdogAllows) {
+  auto start = Clock::now();
+  for (int i = 0; i < 100; ++i) scheduler.run(0);
+  EXPECT_LT(Clock::now() - start, 500ms);
   std::atomic<int> resets{0};
   scheduler.setWatchdog(std::make_unique<CountingWatchdog>(100, resets));
-  auto start = Clock::now();
+  start = Clock::now();
   scheduler.run(60000);
   const auto waited = Clock::now() - start;
   EXPECT_GE(waited, 90ms);
@@ -414,7 +411,6 @@ TEST_F(SchedulerTest, ApplicationLoopMutexIsHeldWhileWorkersRun) {
   own.addWorker(&worker);
   own.run(0);
   EXPECT_TRUE(heldByLoop);
-  EXPECT_EQ(&own.getLoopMutex(), &appMutex);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <functional>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -145,22 +144,6 @@ TEST_F(TimeoutTaskSchedulerTest, SlowTaskIsReportedAtService) {
   MonotonicMs next = now + 1000;
   timeouts.runAndReturnNextTimeout(next, now);
   EXPECT_EQ(log.count("Scheduler: Service: TimeoutTask UnitTests took "), 1u) << log.text();
-}
-
-TEST_F(TimeoutTaskSchedulerTest, DumpListsArmedTasksInFiringOrder) {
-  RecordingTask first(order, 1);
-  RecordingTask second(order, 2);
-  const MonotonicMs base(0);
-  timeouts.add(&second, 20, base);
-  timeouts.add(&first, 10, base);
-  std::ostringstream out;
-  timeouts.dump(out, "> ");
-  std::ostringstream expected;
-  const std::string line = "> TimeoutTask " + std::string(21, ' ') + "UnitTests called    0x @ 0x";
-  expected << line << std::hex << reinterpret_cast<uintptr_t>(&first) << "\n"
-           << line << reinterpret_cast<uintptr_t>(&second) << "\n";
-  EXPECT_EQ(out.str(), expected.str());
-  timeouts.stop();
 }
 
 }  // namespace

@@ -108,7 +108,7 @@ TEST_F(CommandRunnerTest, ExitStatusReachesTheLoopThreadOnce) {
   EXPECT_FALSE(runner->isRunning());
 }
 
-TEST_F(CommandRunnerTest, KillSendsSigtermOrWithForceSigkill) {
+TEST_F(CommandRunnerTest, KillSendsSigtermOrWithForceSigkillAndAClearedCallbackIsNeverMade) {
   for (bool force : {false, true}) {
     std::unique_ptr<CommandRunner> runner = startShell("exec sleep 10");
     ASSERT_TRUE(runner);
@@ -121,6 +121,14 @@ TEST_F(CommandRunnerTest, KillSendsSigtermOrWithForceSigkill) {
     calls = 0;
   }
   EXPECT_FALSE(log->contains("still running at CommandRunner cleanup"));
+
+  std::unique_ptr<CommandRunner> runner = startShell("exec sleep 10");
+  ASSERT_TRUE(runner);
+  runner->clearFinishedCallback();
+  ASSERT_TRUE(runner->kill(false));
+  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return !runner->running(); }));
+  tavrinTesting::runFor(scheduler, milliseconds(50));
+  EXPECT_EQ(calls, 0);
 }
 
 TEST_F(CommandRunnerTest, RedirectsStreamsToFiles) {
@@ -198,18 +206,6 @@ TEST_F(CommandRunnerTest, DestructionWhileRunningTermsThenKillsAndReapsTheWholeG
     tavrinTesting::runFor(scheduler, milliseconds(30));
     EXPECT_EQ(calls, 0);
   }
-}
-
-TEST_F(CommandRunnerTest, ClearedCallbackIsNeverMade) {
-  const std::string out = dir + "/out";
-  std::unique_ptr<CommandRunner> runner = startShell("echo ready; exec sleep 10", out);
-  ASSERT_TRUE(runner);
-  ASSERT_TRUE(waitForFile(out, "ready"));
-  runner->clearFinishedCallback();
-  ASSERT_TRUE(runner->kill(false));
-  ASSERT_TRUE(tavrinTesting::runUntil(scheduler, [&] { return !runner->running(); }));
-  tavrinTesting::runFor(scheduler, milliseconds(50));
-  EXPECT_EQ(calls, 0);
 }
 
 TEST_F(CommandRunnerTest, DestroyedInsideItsOwnCallbackItSaysSoAndSurvivesTheHandOver) {

